@@ -1,0 +1,20 @@
+# One instruction set for everything: 256-bit vectors with fused multiply-add, no run-time choice.
+set(KESTOR_CXX_FLAGS -O2 -mavx2 -mfma -Wall -Wextra)
+set(KESTOR_LINK_FLAGS "")
+if(KESTOR_SANITIZE AND KESTOR_TSAN)
+  message(FATAL_ERROR "KESTOR_SANITIZE and KESTOR_TSAN cannot be combined")
+endif()
+if(KESTOR_SANITIZE)
+  list(APPEND KESTOR_CXX_FLAGS -fsanitize=address,undefined -fno-omit-frame-pointer
+       -fno-sanitize-recover=undefined)
+  list(APPEND KESTOR_LINK_FLAGS -fsanitize=address,undefined)
+endif()
+if(KESTOR_TSAN)
+  list(APPEND KESTOR_CXX_FLAGS -fsanitize=thread -fno-omit-frame-pointer)
+  list(APPEND KESTOR_LINK_FLAGS -fsanitize=thread)
+endif()
+
+function(kestor_set_flags target)
+  target_compile_options(${target} PRIVATE ${KESTOR_CXX_FLAGS})
+  target_link_options(${target} PRIVATE ${KESTOR_LINK_FLAGS})
+endfunction()

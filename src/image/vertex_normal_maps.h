@@ -1,0 +1,20 @@
+#pragma once
+#include <cstdint>
+
+#include "core/image_view.h"
+#include "core/intrinsics.h"
+
+namespace kestor {
+
+// Back-projects every pixel of good depth (d > 0, mask byte not 0) to (d (u-cx)/fx, d (v-cy)/fy, d);
+// every other pixel of the vertex map becomes (0, 0, 0). The mask is used only when it has data
+// and the size of the depth image.
+void depthToVmap(const Intrinsics& k, const ImageView<const float>& depth,
+                 const ImageView<const uint8_t>& mask, const ImageView<Float3>& vmap);
+
+// Unit normals from the triangles of the pixel grid: each triangle's normal is added to its three
+// corners when it faces the camera at less than 1.5 rad from its first corner's viewing ray, and
+// each vertex then takes the direction of its sum. Vertices without such a triangle get (0, 0, 0).
+void vmapToNmap(const ImageView<const Float3>& vmap, const ImageView<Float3>& nmap);
+
+}  // namespace kestor
