@@ -17,4 +17,10 @@ void depthToVmap(const Intrinsics& k, const ImageView<const float>& depth,
 // each vertex then takes the direction of its sum. Vertices without such a triangle get (0, 0, 0).
 void vmapToNmap(const ImageView<const Float3>& vmap, const ImageView<Float3>& nmap);
 
+// Triangles seen at 1.5 rad or more from the viewing ray of their first corner are dropped.
+constexpr double kMaxViewAngle = 1.5;
+
+// True when 1.5 > acos(c): c is the cosine between a triangle's normal and the reversed ray.
+bool withinViewAngle(double c);
+
 }  // namespace kestor

@@ -8,8 +8,23 @@ namespace kestor {
 
 namespace {
 
-// Triangles seen at 1.5 rad or more from the viewing ray of their first corner are dropped.
-constexpr double kMaxViewAngle = 1.5;
+// The test 1.5 > acos(c) as a comparison: the smallest c for which it holds. acos is monotone, so
+// c >= this bound (and c <= 1, beyond which acos is NaN) is the same test, without an acos per
+// triangle.
+double smallestAcceptedCosine() {
+    double c = std::cos(kMaxViewAngle);
+    while (kMaxViewAngle > std::acos(c)) c = std::nextafter(c, -2.0);
+    while (!(kMaxViewAngle > std::acos(c))) c = std::nextafter(c, 2.0);
+    return c;
+}
+
+const double kMinCosine = smallestAcceptedCosine();
+
+}  // namespace
+
+bool withinViewAngle(double c) { return c >= kMinCosine && c <= 1.0; }
+
+namespace {
 
 inline void addTriangle(const Float3& p, const Float3& q, const Float3& s, Float3& np, Float3& nq,
                         Float3& ns) {
@@ -28,7 +43,7 @@ inline void addTriangle(const Float3& p, const Float3& q, const Float3& s, Float
     const double px = p.x, py = p.y, pz = p.z;
     const double c = -(double(n.x) * px + double(n.y) * py + double(n.z) * pz) /
                      std::sqrt(px * px + py * py + pz * pz);
-    if (!(kMaxViewAngle > std::acos(c))) return;
+    if (!withinViewAngle(c)) return;
     for (Float3* corner : {&np, &nq, &ns}) {
         corner->x += n.x;
         corner->y += n.y;

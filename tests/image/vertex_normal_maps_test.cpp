@@ -223,3 +223,13 @@ TEST(DepthToVmap, MaskOfAnotherSizeIsIgnored) {
                 packedView(vmap.data(), 2, 2));
     for (const Float3& p : vmap) EXPECT_EQ(p.z, 3.0f);
 }
+
+TEST(VmapToNmap, ViewAngleTestAgreesWithAcosAroundTheLimit) {
+    const double bound = std::cos(kMaxViewAngle);
+    std::vector<double> samples{-1.0, 0.0, 0.5, 1.0, std::nextafter(1.0, 2.0), 1.5,
+                                std::numeric_limits<double>::quiet_NaN()};
+    double c = bound;
+    for (int i = 0; i < 8; ++i) c = std::nextafter(c, -1.0);
+    for (int i = 0; i < 16; ++i, c = std::nextafter(c, 2.0)) samples.push_back(c);
+    for (double s : samples) EXPECT_EQ(withinViewAngle(s), kMaxViewAngle > std::acos(s)) << s;
+}
