@@ -17,6 +17,8 @@ write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/kestorConfigVersion
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kestorConfig.cmake
   ${CMAKE_CURRENT_BINARY_DIR}/kestorConfigVersion.cmake DESTINATION ${KESTOR_CMAKE_DIR})
 
+# The .pc file locates the prefix from its own place, so a relocated install still works.
+file(RELATIVE_PATH KESTOR_PC_TO_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(${CMAKE_CURRENT_SOURCE_DIR}/cmake/kestor.pc.in
   ${CMAKE_CURRENT_BINARY_DIR}/kestor.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kestor.pc
