@@ -1,8 +1,22 @@
 // Exports of the image kernels: argument checks, then views over the caller's packed arrays.
+#include "image/filter_kernels.h"
+#include "image/gray_gradient.h"
+#include "image/pyramid.h"
 #include "image/vertex_normal_maps.h"
 #include "kestor.h"
 
 using namespace kestor;
+
+namespace {
+
+// The smoothing of the pyramid levels.
+constexpr double kPyramidSigma = 0.5;
+
+ImageView<const Byte3> colorView(const uint8_t* color, int width, int height) {
+    return packedView(reinterpret_cast<const Byte3*>(color), width, height);
+}
+
+}  // namespace
 
 extern "C" {
 
@@ -15,6 +29,30 @@ int KESTORDepthToVmapNmap(const double* K, const float* depth, const uint8_t* ma
     depthToVmap(k, packedView(depth, width, height), packedView(mask, width, height), vertices);
     if (nmap != nullptr)
         vmapToNmap(constView(vertices), packedView(reinterpret_cast<Float3*>(nmap), width, height));
+    return KESTOR_STATUS_OK;
+}
+
+int KESTORCalcPyramidVmapNmap(const double* K, const float* depth, const uint8_t* color,
+                              const uint8_t* mask, float** vmaps, float** nmaps, float** grays,
+                              float** gradXs, float** gradYs, int width, int height, int levels,
+                              bool useMagnitude) {
+    if (K == nullptr || depth == nullptr || vmaps == nullptr || nmaps == nullptr || width < 1 ||
+        height < 1 || levels < 1)
+        return KESTOR_STATUS_BAD_ARGUMENT;
+    calcPyramid(intrinsicsFromMatrix(K), depth, color, mask, vmaps, nmaps, grays, gradXs, gradYs,
+                width, height, levels, useMagnitude, kPyramidSigma);
+    return KESTOR_STATUS_OK;
+}
+
+int KESTORCalcGrayAndGradient(const uint8_t* color, float* gray, float* gradX, float* gradY,
+                              int width, int height, double sigma, bool useMagnitude,
+                              bool parallel) {
+    if (color == nullptr || gray == nullptr || gradX == nullptr || gradY == nullptr ||
+        width < 1 || height < 1)
+        return KESTOR_STATUS_BAD_ARGUMENT;
+    calcGrayAndGradient(colorView(color, width, height), packedView(gray, width, height),
+                        packedView(gradX, width, height), packedView(gradY, width, height), sigma,
+                        useMagnitude, parallel);
     return KESTOR_STATUS_OK;
 }
 
