@@ -1,6 +1,7 @@
 // Exports of the image kernels: argument checks, then views over the caller's packed arrays.
 #include "image/filter_kernels.h"
 #include "image/gray_gradient.h"
+#include "image/point_lookup.h"
 #include "image/pyramid.h"
 #include "image/vertex_normal_maps.h"
 #include "kestor.h"
@@ -53,6 +54,24 @@ int KESTORCalcGrayAndGradient(const uint8_t* color, float* gray, float* gradX, f
     calcGrayAndGradient(colorView(color, width, height), packedView(gray, width, height),
                         packedView(gradX, width, height), packedView(gradY, width, height), sigma,
                         useMagnitude, parallel);
+    return KESTOR_STATUS_OK;
+}
+
+int KESTORDepthToMask(const float* depth, uint8_t* mask, int width, int height) {
+    if (depth == nullptr || mask == nullptr || width < 1 || height < 1)
+        return KESTOR_STATUS_BAD_ARGUMENT;
+    depthToMask(packedView(depth, width, height), packedView(mask, width, height));
+    return KESTOR_STATUS_OK;
+}
+
+int KESTORCvtUVToPointFromDepth(const double* K, const float* depth, int width, int height,
+                                const float* uv, float* points, float* normals, int count,
+                                bool parallel) {
+    if (K == nullptr || depth == nullptr || uv == nullptr || points == nullptr ||
+        normals == nullptr || width < 1 || height < 1 || count < 1)
+        return KESTOR_STATUS_BAD_ARGUMENT;
+    pixelsToPoints(intrinsicsFromMatrix(K), packedView(depth, width, height), uv, points, normals,
+                   count, parallel);
     return KESTOR_STATUS_OK;
 }
 
