@@ -1,4 +1,6 @@
 // Exports of the image kernels: argument checks, then views over the caller's packed arrays.
+#include "core/rigid_transform.h"
+#include "image/color_points.h"
 #include "image/filter_kernels.h"
 #include "image/gray_gradient.h"
 #include "image/point_lookup.h"
@@ -72,6 +74,22 @@ int KESTORCvtUVToPointFromDepth(const double* K, const float* depth, int width, 
         return KESTOR_STATUS_BAD_ARGUMENT;
     pixelsToPoints(intrinsicsFromMatrix(K), packedView(depth, width, height), uv, points, normals,
                    count, parallel);
+    return KESTOR_STATUS_OK;
+}
+
+int KESTORColorDepthToPoints(const float* depth, const uint8_t* color, const uint8_t* mask,
+                             int width, int height, const double* K, const double* rt,
+                             KESTORPointsFunc callback, void* user) {
+    if (depth == nullptr || callback == nullptr || width < 1 || height < 1)
+        return KESTOR_STATUS_BAD_ARGUMENT;
+    const PointsCallback deliver = [callback, user](const float* points, const float* normals,
+                                                    const uint8_t* colors, int count) {
+        callback(points, normals, colors, count, user);
+    };
+    colorDepthToPoints(intrinsicsFromMatrix(K), packedView(depth, width, height),
+                       colorView(color, width, height), packedView(mask, width, height),
+                       // poseToFloat only reads the view.
+                       poseToFloat(poseView(const_cast<double*>(rt))), deliver);
     return KESTOR_STATUS_OK;
 }
 
