@@ -84,7 +84,6 @@ void solveDamped(const SparseMatrix& hessian, const SparseMatrix& hessianDiagona
 // arrays, and the assembled system.
 struct Solver {
     int edgeCount;
-    int poseCount;
     bool useThreads;
     Matrix4Array posesA, posesB;
     Matrix4* currentPoses;
@@ -146,7 +145,6 @@ bool optimizePoseGraph(const NodePair* edgePairs, const RT_<double>* edgeTransfo
 
     Solver s;
     s.edgeCount = edgeCount;
-    s.poseCount = poseCount;
     s.useThreads = useThreads;
     s.posesA.resize(static_cast<size_t>(poseCount));
     s.posesB.assign(size_t(poseCount), Matrix4::Identity());
