@@ -168,6 +168,16 @@ TEST(PoseGraph, ConvergedRunStillMakesOneMoreProgressCall) {
     EXPECT_EQ(log.values.back(), 100);
     EXPECT_LT(log.values.size(), 1000u);
     for (size_t k = 1; k + 1 < log.values.size(); ++k) EXPECT_EQ(log.values[k], int((k - 1) / 10));
+
+    // A stop asked in that last iteration call still discards the whole result.
+    ProgressLog late;
+    late.stopAtCall = int(log.values.size()) - 2;
+    poses = g.initial;
+    KESTOROptimizePoseGraph(g.pairs.data(), g.transforms.data(), g.information.data(),
+                            g.flags.data(), nullptr, g.edgeCount, poses.data(), g.poseCount, 1000,
+                            1.0, 0.1, 0.25, false, false, recordProgress, &late);
+    EXPECT_EQ(late.values.size(), log.values.size() - 1);
+    EXPECT_EQ(poses, g.initial);
 }
 
 TEST(PoseGraph, StopRequests) {
