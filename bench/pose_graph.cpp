@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "kestor.h"
-#include "../tests/support/synthetic_pose_graph.h"
+#include "support/synthetic_pose_graph.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "../../tests/support/synthetic_pose_graph.h"
+#include "support/synthetic_pose_graph.h"
 #include "kestor.h"
 
 namespace {
