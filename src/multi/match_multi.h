@@ -1,0 +1,31 @@
+#pragma once
+#include <vector>
+
+#include "core/intrinsics.h"
+#include "core/progress.h"
+#include "core/rigid_transform.h"
+#include "multi/multi_options.h"
+#include "multi/vmap_modes.h"
+
+namespace kestor {
+
+using VmapMode = bool (*)(const std::vector<FrameMaps>&, const Intrinsics&,
+                          std::vector<RT_<double>>&, const MultiOptions&, const ProgressFunc&);
+
+// Runs a mode on a copy of the poses and copies rotation and translation back, whatever the
+// mode's result: a failed or cancelled run leaves its last accepted step.
+void runVmapMode(VmapMode mode, const std::vector<FrameMaps>& frames, const Intrinsics& k,
+                 std::vector<RT_<double>>& poses, const MultiOptions& options,
+                 ProgressFunc progress);
+
+// Joint alignment of finished maps (packed, width x height, one pointer per frame). The mode
+// follows what is given: normals, gray and both gradients for the coloured mode, normals for
+// point to plane, vertices alone for point to point. A frame whose map the mode needs is
+// missing stops the call with the poses unchanged.
+void matchMultiVmap(const float* const* vmaps, const float* const* nmaps,
+                    const float* const* grays, const float* const* gradXs,
+                    const float* const* gradYs, int width, int height, const Intrinsics& k,
+                    std::vector<RT_<double>>& poses, const MultiOptions& options,
+                    const ProgressFunc& progress);
+
+}  // namespace kestor
