@@ -19,7 +19,7 @@ RT_<float> relativePoseInFloat(const RT_<double>& poseI, const RT_<double>& pose
     RT_<float> inverse;
     for (int e = 0; e < 9; ++e) inverse.rotation[e] = c[e] / det;
     float minusT[3];
-    rotateVector(inverse, a.translation, minusT);
+    applyRotation(inverse, a.translation, minusT);
     for (int e = 0; e < 3; ++e) inverse.translation[e] = -minusT[e];
     RT_<float> relative;
     composeRT(inverse, b, relative);

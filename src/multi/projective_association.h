@@ -46,7 +46,7 @@ double associateProjective(const ImageView<const Float3>& sourceV,
             if (test.useNormals ? (p.z == 0.0f || isZero(nRow[col])) : !(p.z > 0.0f)) continue;
             ++valid;
             float pt[3];
-            transformPoint(T, &p.x, pt);
+            applyRT(T, &p.x, pt);
             const float u = k.fx * pt[0] / pt[2] + k.cx;
             const float v = k.fy * pt[1] / pt[2] + k.cy;
             // Written so that NaN and values past the image fail before any conversion.
@@ -63,7 +63,7 @@ double associateProjective(const ImageView<const Float3>& sourceV,
             if (!(dx * dx + dy * dy + dz * dz < test.maxDistanceSq)) continue;
             if (test.useNormals) {
                 float m[3];
-                rotateVector(T, &nRow[col].x, m);
+                applyRotation(T, &nRow[col].x, m);
                 if (!(n->x * m[0] + n->y * m[1] + n->z * m[2] > test.cosMaxAngle)) continue;
             }
             ++kept;

@@ -73,7 +73,7 @@ bool alignVmapNmapsColored(const std::vector<FrameMaps>& frames, const Intrinsic
             const Float3& p = source.vmap.data[m.first];
             const Float3 &q = target.vmap.data[m.second], &n = target.nmap.data[m.second];
             float pt[3];
-            transformPoint(T, &p.x, pt);
+            applyRT(T, &p.x, pt);
             const double rg = (pt[0] - q.x) * n.x + (pt[1] - q.y) * n.y + (pt[2] - q.z) * n.z;
             const double rc = target.gray.data[m.second] - source.gray.data[m.first];
             const double dg = rg - scales.meanGeometric, dc = rc - scales.meanPhotometric;

@@ -84,7 +84,7 @@ bool alignVmaps(const std::vector<FrameMaps>& frames, const Intrinsics& k,
             frames[size_t(j)], matches[size_t(pairSlot(i, j))],
             [&](const Float3& p, int c) {
                 float pt[3];
-                transformPoint(T, &p.x, pt);
+                applyRT(T, &p.x, pt);
                 const Float3& q = atFlat(target.vmap, c);
                 const double dx = pt[0] - q.x, dy = pt[1] - q.y, dz = pt[2] - q.z;
                 return dx * dx + dy * dy + dz * dz;
@@ -136,7 +136,7 @@ bool alignVmapNmaps(const std::vector<FrameMaps>& frames, const Intrinsics& k,
             frames[size_t(j)], matches[size_t(pairSlot(i, j))],
             [&](const Float3& p, int c) {
                 float pt[3];
-                transformPoint(T, &p.x, pt);
+                applyRT(T, &p.x, pt);
                 const Float3 &q = atFlat(target.vmap, c), &n = atFlat(target.nmap, c);
                 const double r = (pt[0] - q.x) * n.x + (pt[1] - q.y) * n.y + (pt[2] - q.z) * n.z;
                 return r * r;
