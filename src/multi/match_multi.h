@@ -29,3 +29,16 @@ void matchMultiVmap(const float* const* vmaps, const float* const* nmaps,
                     const ProgressFunc& progress);
 
 }  // namespace kestor
+
+namespace kestor {
+
+// Joint alignment from raw depth images (packed, width x height), with optional colour and
+// masks: vertex and normal maps from each depth, and with colour, gray and gradient maps at
+// sigma 1.6 for the coloured mode; otherwise point to plane. A frame with a missing image stops
+// the call with a message and the poses unchanged.
+void matchMultiDepth(const float* const* depths, const unsigned char* const* colors,
+                     const unsigned char* const* masks, int width, int height,
+                     const Intrinsics& k, std::vector<RT_<double>>& poses,
+                     const MultiOptions& options, const ProgressFunc& progress);
+
+}  // namespace kestor

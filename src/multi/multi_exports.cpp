@@ -58,4 +58,22 @@ int KESTORMatchMultiVmapNmap(const float* const* vmaps, const float* const* nmap
     return KESTOR_STATUS_OK;
 }
 
+int KESTORMatchMultiDepth(const float* const* depths, const unsigned char* const* colors,
+                          const unsigned char* const* masks, int width, int height,
+                          const double* K, double* rts, int frameCount, int iterations,
+                          double maxDistance, double maxAngle, double minScore,
+                          double colorWeight, int refreshInterval, bool parallel, bool log,
+                          KESTORProgressFunc progress, void* user) {
+    if (depths == nullptr || K == nullptr || rts == nullptr || width < 1 || height < 1 ||
+        frameCount < 2)
+        return KESTOR_STATUS_BAD_ARGUMENT;
+    std::vector<RT_<double>> poses = readPoses(rts, frameCount);
+    matchMultiDepth(depths, colors, masks, width, height, intrinsicsFromMatrix(K), poses,
+                    multiOptions(iterations, maxDistance, maxAngle, minScore, colorWeight,
+                                 refreshInterval, parallel, log),
+                    wrapProgress(progress, user));
+    writePoses(poses, rts);
+    return KESTOR_STATUS_OK;
+}
+
 }  // extern "C"
