@@ -1,0 +1,70 @@
+#pragma once
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include "core/parallel_for.h"
+#include "multi/align_frames.h"
+
+namespace kestor {
+
+// What the first pass of a coloured mode keeps of one pair at one linearisation point.
+struct PairRows {
+    std::vector<float> geometricResiduals, photometricResiduals;
+    std::vector<std::pair<int32_t, int32_t>> matches;  // (source position, target position)
+    std::vector<float> geometricRows, photometricRows;  // 6 floats a match
+
+    void clear();
+    bool empty() const { return matches.empty(); }
+    void add(int32_t source, int32_t target, float rg, const float* geometricRow, float rc,
+             const float* photometricRow);
+};
+
+struct ResidualStatsSlot {
+    double sumSquaresGeometric = 0, sumSquaresPhotometric = 0;
+    double sumGeometric = 0, sumPhotometric = 0;
+    int32_t count = 0;
+
+    void add(const PairRows& rows);
+};
+
+// One global scale per residual kind, from all qualifying pairs: each residual has the kind's
+// mean removed and is weighted by the square root of the kind's deviation, with colorWeight
+// splitting the two.
+struct ColoredScales {
+    double meanGeometric = 0, meanPhotometric = 0;
+    double weightGeometric = 0, weightPhotometric = 0;
+
+    void update(const std::vector<ResidualStatsSlot>& slots, double colorWeight);
+};
+
+// The second pass: the pair's blocks from its stored rows, one-sided as the point-to-plane
+// form; NaN for a pair with no rows.
+double pairRowsHessian(const PairRows& rows, const ColoredScales& scales, PairBlock& hessianII,
+                       PairBlock& hessianIJ, PairBlock& hessianJJ, PairVector& gradientI,
+                       PairVector& gradientJ);
+
+// The first pass over the active pairs, for `pairsChanged`: collect(i, j, rows) fills a pair's
+// rows at the current poses and returns its score; pairs at or below minScore are emptied.
+template <typename Collect>
+void collectAllPairs(const FramePair* pairs, const unsigned char* active, int count,
+                     std::vector<PairRows>& storage, double minScore, double colorWeight,
+                     bool parallel, ColoredScales& scales, Collect&& collect) {
+    std::vector<ResidualStatsSlot> slots(size_t(loopSlots(parallel)));
+    runLoop(parallel, 0, count, [&](int begin, int end, int slot) {
+        for (int k = begin; k < end; ++k) {
+            if (!active[k]) continue;
+            const int i = pairs[k].first, j = pairs[k].second;
+            PairRows& rows = storage[size_t(pairSlot(i, j))];
+            rows.clear();
+            const double score = collect(i, j, rows);
+            if (score > minScore)
+                slots[size_t(slot)].add(rows);
+            else
+                rows.clear();
+        }
+    });
+    scales.update(slots, colorWeight);
+}
+
+}  // namespace kestor

@@ -1,0 +1,79 @@
+// Exports of the joint alignment of many frames: argument checks, the poses across the boundary
+// and back, and the progress callback wrapped. After the checks they return 0 whatever the run
+// did; a failed or cancelled run shows in the poses it left.
+#include <vector>
+
+#include "kestor.h"
+#include "multi/match_multi.h"
+
+using namespace kestor;
+
+namespace {
+
+std::vector<RT_<double>> readPoses(double* rts, int count) {
+    std::vector<RT_<double>> poses(static_cast<size_t>(count));
+    for (int f = 0; f < count; ++f) poses[size_t(f)] = poseToDouble(poseView(rts + 12 * f));
+    return poses;
+}
+
+void writePoses(const std::vector<RT_<double>>& poses, double* rts) {
+    for (size_t f = 0; f < poses.size(); ++f) poseFromDouble(poses[f], poseView(rts + 12 * f));
+}
+
+MultiOptions multiOptions(int iterations, double maxDistance, double maxAngle, double minScore,
+                          double colorWeight, int refreshInterval, bool parallel, bool log) {
+    MultiOptions o;
+    o.iterations = iterations;
+    o.maxDistance = maxDistance;
+    o.maxAngle = maxAngle;
+    o.minScore = minScore;
+    o.colorWeight = colorWeight;
+    o.refreshInterval = refreshInterval;
+    o.parallel = parallel;
+    o.log = log;
+    return o;
+}
+
+}  // namespace
+
+extern "C" {
+
+int KESTORMatchMultiVmapNmap(const float* const* vmaps, const float* const* nmaps,
+                             const float* const* grays, const float* const* gradXs,
+                             const float* const* gradYs, int width, int height, const double* K,
+                             double* rts, int frameCount, int iterations, double maxDistance,
+                             double maxAngle, double minScore, double colorWeight,
+                             int refreshInterval, bool parallel, bool log,
+                             KESTORProgressFunc progress, void* user) {
+    if (vmaps == nullptr || K == nullptr || rts == nullptr || width < 1 || height < 1 ||
+        frameCount < 2)
+        return KESTOR_STATUS_BAD_ARGUMENT;
+    std::vector<RT_<double>> poses = readPoses(rts, frameCount);
+    matchMultiVmap(vmaps, nmaps, grays, gradXs, gradYs, width, height, intrinsicsFromMatrix(K),
+                   poses,
+                   multiOptions(iterations, maxDistance, maxAngle, minScore, colorWeight,
+                                refreshInterval, parallel, log),
+                   wrapProgress(progress, user));
+    writePoses(poses, rts);
+    return KESTOR_STATUS_OK;
+}
+
+int KESTORMatchMultiDepth(const float* const* depths, const unsigned char* const* colors,
+                          const unsigned char* const* masks, int width, int height,
+                          const double* K, double* rts, int frameCount, int iterations,
+                          double maxDistance, double maxAngle, double minScore,
+                          double colorWeight, int refreshInterval, bool parallel, bool log,
+                          KESTORProgressFunc progress, void* user) {
+    if (depths == nullptr || K == nullptr || rts == nullptr || width < 1 || height < 1 ||
+        frameCount < 2)
+        return KESTOR_STATUS_BAD_ARGUMENT;
+    std::vector<RT_<double>> poses = readPoses(rts, frameCount);
+    matchMultiDepth(depths, colors, masks, width, height, intrinsicsFromMatrix(K), poses,
+                    multiOptions(iterations, maxDistance, maxAngle, minScore, colorWeight,
+                                 refreshInterval, parallel, log),
+                    wrapProgress(progress, user));
+    writePoses(poses, rts);
+    return KESTOR_STATUS_OK;
+}
+
+}  // extern "C"

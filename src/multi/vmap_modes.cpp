@@ -1,0 +1,151 @@
+// The two plain modes on vertex maps: point to point and one-sided point to plane. Each pair
+// keeps the target pixel matched to every source pixel (-1 for none) until its next
+// linearisation, and the trial error reuses it.
+#include <cmath>
+#include <limits>
+
+#include "multi/align_frames.h"
+#include "multi/normal_equations.h"
+#include "multi/projective_association.h"
+#include "multi/vmap_modes.h"
+
+namespace kestor {
+
+namespace {
+
+constexpr double kNotQualified = std::numeric_limits<double>::quiet_NaN();
+
+ProjectiveTest projectiveTest(const MultiOptions& o, bool useNormals) {
+    return ProjectiveTest{float(o.maxDistance * o.maxDistance), float(std::cos(o.maxAngle)),
+                          useNormals};
+}
+
+// Sum over the pair's stored correspondences of what `term` makes of (p, q, target index).
+template <typename Term>
+double sumOverCorrespondences(const FrameMaps& source, const std::vector<int>& correspondences,
+                              Term&& term) {
+    const int width = source.vmap.width, height = source.vmap.height, size = width * height;
+    double sum = 0.0;
+    for (int row = 0; row < height; ++row) {
+        const Float3* vRow = rowOf(source.vmap, row);
+        const int* cRow = correspondences.data() + size_t(row) * size_t(width);
+        for (int col = 0; col < width; ++col) {
+            const int c = cRow[col];
+            if (c < 0 || c >= size) continue;
+            sum += term(vRow[col], c);
+        }
+    }
+    return sum;
+}
+
+}  // namespace
+
+bool alignVmaps(const std::vector<FrameMaps>& frames, const Intrinsics& k,
+                std::vector<RT_<double>>& poses, const MultiOptions& options,
+                const ProgressFunc& progress) {
+    const int count = int(frames.size());
+    if (count < 2) return false;
+    std::vector<std::vector<int>> matches(size_t(pairSlotCount(count)));
+    const ProjectiveTest test = projectiveTest(options, false);
+
+    PairLinearize linearize = [&](int i, int j, const RT_<double>& poseI,
+                                  const RT_<double>& poseJ, PairBlock& hII, PairBlock& hIJ,
+                                  PairBlock& hJJ, PairVector& gI, PairVector& gJ) {
+        const FrameMaps &target = frames[size_t(i)], &source = frames[size_t(j)];
+        std::vector<int>& corr = matches[size_t(pairSlot(i, j))];
+        corr.assign(size_t(source.vmap.width) * size_t(source.vmap.height), -1);
+        NormalEquations<12> sums;
+        double error = 0.0;
+        const double score = associateProjective(
+            source.vmap, source.nmap, target.vmap, target.nmap, k, relativePose(poseI, poseJ),
+            test, [&](int s, int t, const Float3&, const float* p, const Float3& q, const Float3*) {
+                corr[size_t(s)] = t;
+                const float e[3] = {p[0] - q.x, p[1] - q.y, p[2] - q.z};
+                // Target rows, then source rows, both in the target frame.
+                const float rows[3][12] = {
+                    {0, -q.z, q.y, -1, 0, 0, 0, p[2], -p[1], 1, 0, 0},
+                    {q.z, 0, -q.x, 0, -1, 0, -p[2], 0, p[0], 0, 1, 0},
+                    {-q.y, q.x, 0, 0, 0, -1, p[1], -p[0], 0, 0, 0, 1}};
+                for (int a = 0; a < 3; ++a) {
+                    sums.add(rows[a], e[a]);
+                    error += double(e[a]) * double(e[a]);
+                }
+            });
+        if (!(score > options.minScore)) return kNotQualified;
+        sums.mirror();
+        fillTwoSided(sums, hII, hIJ, hJJ, gI, gJ);
+        return error;
+    };
+
+    PairEvaluate evaluate = [&](int i, int j, const RT_<double>& poseI, const RT_<double>& poseJ) {
+        const RT_<float> T = relativePose(poseI, poseJ);
+        const FrameMaps& target = frames[size_t(i)];
+        return sumOverCorrespondences(
+            frames[size_t(j)], matches[size_t(pairSlot(i, j))],
+            [&](const Float3& p, int c) {
+                float pt[3];
+                applyRT(T, &p.x, pt);
+                const Float3& q = atFlat(target.vmap, c);
+                const double dx = pt[0] - q.x, dy = pt[1] - q.y, dz = pt[2] - q.z;
+                return dx * dx + dy * dy + dz * dz;
+            });
+    };
+
+    return alignFrames(linearize, evaluate, poses.data(), count, options.iterations,
+                       options.refreshInterval, options.log, false, progress, PairsChanged(),
+                       options.parallel);
+}
+
+bool alignVmapNmaps(const std::vector<FrameMaps>& frames, const Intrinsics& k,
+                    std::vector<RT_<double>>& poses, const MultiOptions& options,
+                    const ProgressFunc& progress) {
+    const int count = int(frames.size());
+    if (count < 2) return false;
+    std::vector<std::vector<int>> matches(size_t(pairSlotCount(count)));
+    const ProjectiveTest test = projectiveTest(options, true);
+
+    PairLinearize linearize = [&](int i, int j, const RT_<double>& poseI,
+                                  const RT_<double>& poseJ, PairBlock& hII, PairBlock& hIJ,
+                                  PairBlock& hJJ, PairVector& gI, PairVector& gJ) {
+        const FrameMaps &target = frames[size_t(i)], &source = frames[size_t(j)];
+        std::vector<int>& corr = matches[size_t(pairSlot(i, j))];
+        corr.assign(size_t(source.vmap.width) * size_t(source.vmap.height), -1);
+        NormalEquations<6> sums;
+        double error = 0.0;
+        const double score = associateProjective(
+            source.vmap, source.nmap, target.vmap, target.nmap, k, relativePose(poseI, poseJ),
+            test,
+            [&](int s, int t, const Float3&, const float* p, const Float3& q, const Float3* n) {
+                corr[size_t(s)] = t;
+                const float r = (p[0] - q.x) * n->x + (p[1] - q.y) * n->y + (p[2] - q.z) * n->z;
+                float row[6];
+                crossRow(p, &n->x, row);
+                sums.add(row, r);
+                error += double(r) * double(r);
+            });
+        if (!(score > options.minScore)) return kNotQualified;
+        sums.mirror();
+        fillOneSided(sums, hII, hIJ, hJJ, gI, gJ);
+        return error;
+    };
+
+    PairEvaluate evaluate = [&](int i, int j, const RT_<double>& poseI, const RT_<double>& poseJ) {
+        const RT_<float> T = relativePoseInFloat(poseI, poseJ);
+        const FrameMaps& target = frames[size_t(i)];
+        return sumOverCorrespondences(
+            frames[size_t(j)], matches[size_t(pairSlot(i, j))],
+            [&](const Float3& p, int c) {
+                float pt[3];
+                applyRT(T, &p.x, pt);
+                const Float3 &q = atFlat(target.vmap, c), &n = atFlat(target.nmap, c);
+                const double r = (pt[0] - q.x) * n.x + (pt[1] - q.y) * n.y + (pt[2] - q.z) * n.z;
+                return r * r;
+            });
+    };
+
+    return alignFrames(linearize, evaluate, poses.data(), count, options.iterations,
+                       options.refreshInterval, options.log, true, progress, PairsChanged(),
+                       options.parallel);
+}
+
+}  // namespace kestor
