@@ -32,8 +32,40 @@ void composeRT(const RT_<T>& a, const RT_<T>& b, RT_<T>& out) {
 }
 
 // True inverse: the rotation block is inverted by cofactors, not transposed, so a drifted
-// rotation is still undone exactly. A singular block gives infinities.
-void invertRT(const RT_<double>& a, RT_<double>& out);
+// rotation is still undone exactly; t' = -(R' t). A singular block gives infinities. out may
+// alias a.
+template <typename T>
+void invertRT(const RT_<T>& a, RT_<T>& out) {
+    const T* m = a.rotation;
+    T c[9];
+    c[0] = m[4] * m[8] - m[5] * m[7];
+    c[1] = m[2] * m[7] - m[1] * m[8];
+    c[2] = m[1] * m[5] - m[2] * m[4];
+    c[3] = m[5] * m[6] - m[3] * m[8];
+    c[4] = m[0] * m[8] - m[2] * m[6];
+    c[5] = m[2] * m[3] - m[0] * m[5];
+    c[6] = m[3] * m[7] - m[4] * m[6];
+    c[7] = m[1] * m[6] - m[0] * m[7];
+    c[8] = m[0] * m[4] - m[1] * m[3];
+    const T det = m[0] * c[0] + m[1] * c[3] + m[2] * c[6];
+    RT_<T> r;
+    for (int i = 0; i < 9; ++i) r.rotation[i] = c[i] / det;
+    for (int i = 0; i < 3; ++i) {
+        r.translation[i] = -(r.rotation[i * 3 + 0] * a.translation[0] +
+                             r.rotation[i * 3 + 1] * a.translation[1] +
+                             r.rotation[i * 3 + 2] * a.translation[2]);
+    }
+    out = r;
+}
+
+// The same transform in another precision, element by element.
+template <typename To, typename From>
+RT_<To> castRT(const RT_<From>& a) {
+    RT_<To> r;
+    for (int e = 0; e < 9; ++e) r.rotation[e] = To(a.rotation[e]);
+    for (int e = 0; e < 3; ++e) r.translation[e] = To(a.translation[e]);
+    return r;
+}
 
 // Rz(c) Ry(b) Rx(a), angles taken in full.
 template <typename T>

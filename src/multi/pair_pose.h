@@ -3,14 +3,6 @@
 
 namespace kestor {
 
-template <typename To, typename From>
-RT_<To> castRT(const RT_<From>& a) {
-    RT_<To> r;
-    for (int e = 0; e < 9; ++e) r.rotation[e] = To(a.rotation[e]);
-    for (int e = 0; e < 3; ++e) r.translation[e] = To(a.translation[e]);
-    return r;
-}
-
 // poseI^-1 poseJ, which carries frame j into frame i: composed in double, used in float.
 inline RT_<float> relativePose(const RT_<double>& poseI, const RT_<double>& poseJ) {
     RT_<double> inverse, relative;

@@ -5,23 +5,8 @@
 namespace kestor {
 
 RT_<float> invertPoseFloat(const RT_<float>& T) {
-    const float* m = T.rotation;
-    float c[9];
-    c[0] = m[4] * m[8] - m[5] * m[7];
-    c[1] = m[2] * m[7] - m[1] * m[8];
-    c[2] = m[1] * m[5] - m[2] * m[4];
-    c[3] = m[5] * m[6] - m[3] * m[8];
-    c[4] = m[0] * m[8] - m[2] * m[6];
-    c[5] = m[2] * m[3] - m[0] * m[5];
-    c[6] = m[3] * m[7] - m[4] * m[6];
-    c[7] = m[1] * m[6] - m[0] * m[7];
-    c[8] = m[0] * m[4] - m[1] * m[3];
-    const float det = m[0] * c[0] + m[1] * c[3] + m[2] * c[6];
     RT_<float> r;
-    for (int i = 0; i < 9; ++i) r.rotation[i] = c[i] / det;
-    float t[3];
-    rotatePoint(r.rotation, T.translation, t);
-    for (int i = 0; i < 3; ++i) r.translation[i] = -t[i];
+    invertRT(T, r);
     return r;
 }
 
