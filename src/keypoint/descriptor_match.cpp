@@ -24,7 +24,9 @@ constexpr int kTilesPerCheck = 4; // query tiles per step of the mutual test
 // from zero, whichever block shape computes it, so one pair always gives the same bits.
 template <int R, int T>
 inline void squaredDistances(const float* const* rows, const float* const* tiles, int dimension,
-                             __m256 (&acc)[R][2 * T]) {
+                             __m256 (&out)[R][2 * T]) {
+    // Local accumulators, so they stay in registers while the tiles are read.
+    __m256 acc[R][2 * T];
 #pragma GCC unroll 8
     for (int r = 0; r < R; ++r)
 #pragma GCC unroll 8
@@ -46,6 +48,10 @@ inline void squaredDistances(const float* const* rows, const float* const* tiles
             }
         }
     }
+#pragma GCC unroll 8
+    for (int r = 0; r < R; ++r)
+#pragma GCC unroll 8
+        for (int h = 0; h < 2 * T; ++h) out[r][h] = acc[r][h];
 }
 
 // Per query and per lane, the nearest train descriptor seen so far in that lane.
