@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
 #include <limits>
 #include <vector>
 
@@ -15,9 +14,9 @@ namespace kestor {
 namespace {
 
 constexpr int W = DescriptorTiles::kWidth;
-constexpr int kRowsPerPass = 4;   // query rows that share one pass over a train tile
+constexpr int kRowsPerPass = 6;   // query rows that share one pass over a train tile (12 sums)
 constexpr int kQueryBlock = 64;   // queries kept in cache while the train tiles stream by
-constexpr int kTilesPerCheck = 4; // query tiles per step of the mutual test
+constexpr int kTilesPerCheck = 6; // query tiles per step of the mutual test (12 sums)
 
 // Squared distances between R single descriptors (`rows`, broadcast element by element) and the
 // 16 lanes of each of T tiles. Every distance is summed in element order by fused multiply-add
@@ -29,28 +28,38 @@ inline void squaredDistances(const float* const* rows, const float* const* tiles
     __m256 acc[R][2 * T];
 #pragma GCC unroll 8
     for (int r = 0; r < R; ++r)
-#pragma GCC unroll 8
+#pragma GCC unroll 12
         for (int h = 0; h < 2 * T; ++h) acc[r][h] = _mm256_setzero_ps();
     for (int e = 0; e < dimension; ++e) {
-        __m256 lanes[2 * T];
-#pragma GCC unroll 8
-        for (int t = 0; t < T; ++t) {
-            lanes[2 * t] = _mm256_load_ps(tiles[t] + e * W);
-            lanes[2 * t + 1] = _mm256_load_ps(tiles[t] + e * W + 8);
-        }
-#pragma GCC unroll 8
-        for (int r = 0; r < R; ++r) {
-            const __m256 v = _mm256_broadcast_ss(rows[r] + e);
-#pragma GCC unroll 8
+        if constexpr (R == 1) {
+            // One row against many tiles: each lane is read once, straight into its difference.
+            const __m256 v = _mm256_broadcast_ss(rows[0] + e);
+#pragma GCC unroll 12
             for (int h = 0; h < 2 * T; ++h) {
-                const __m256 d = _mm256_sub_ps(lanes[h], v);
-                acc[r][h] = _mm256_fmadd_ps(d, d, acc[r][h]);
+                const __m256 lane = _mm256_load_ps(tiles[h / 2] + e * W + (h % 2) * 8);
+                const __m256 d = _mm256_sub_ps(lane, v);
+                acc[0][h] = _mm256_fmadd_ps(d, d, acc[0][h]);
+            }
+        } else {
+            // Many rows against one tile: the tile's lanes stay in registers across the rows.
+            __m256 lanes[2 * T];
+#pragma GCC unroll 8
+            for (int h = 0; h < 2 * T; ++h)
+                lanes[h] = _mm256_load_ps(tiles[h / 2] + e * W + (h % 2) * 8);
+#pragma GCC unroll 8
+            for (int r = 0; r < R; ++r) {
+                const __m256 v = _mm256_broadcast_ss(rows[r] + e);
+#pragma GCC unroll 8
+                for (int h = 0; h < 2 * T; ++h) {
+                    const __m256 d = _mm256_sub_ps(lanes[h], v);
+                    acc[r][h] = _mm256_fmadd_ps(d, d, acc[r][h]);
+                }
             }
         }
     }
 #pragma GCC unroll 8
     for (int r = 0; r < R; ++r)
-#pragma GCC unroll 8
+#pragma GCC unroll 12
         for (int h = 0; h < 2 * T; ++h) out[r][h] = acc[r][h];
 }
 
@@ -101,19 +110,21 @@ int nearestOf(const LaneBest& s, float& squared) {
     return index;
 }
 
-// Bit (t * 16 + lane) is set when query lane of tile t lies strictly nearer to `train` than
-// `limit`. Padding lanes are NaN and never set.
+// Whether some query lane of the T tiles lies strictly nearer to `train` than `limit`, leaving
+// out lane `own` (counted over the T tiles; -1 for none). Padding lanes are NaN and never count.
 template <int T>
-uint64_t nearerLanes(const float* train, const float* const* tiles, int dimension, __m256 limit) {
+bool anyNearer(const float* train, const float* const* tiles, int dimension, __m256 limit,
+               int own) {
     __m256 acc[1][2 * T];
     squaredDistances<1, T>(&train, tiles, dimension, acc);
-    uint64_t bits = 0;
-#pragma GCC unroll 8
+    bool nearer = false;
+#pragma GCC unroll 12
     for (int h = 0; h < 2 * T; ++h) {
-        const int m = _mm256_movemask_ps(_mm256_cmp_ps(acc[0][h], limit, _CMP_LT_OQ));
-        bits |= uint64_t(uint32_t(m)) << (8 * h);
+        unsigned bits = unsigned(_mm256_movemask_ps(_mm256_cmp_ps(acc[0][h], limit, _CMP_LT_OQ)));
+        if (own >= 8 * h && own < 8 * h + 8) bits &= ~(1u << (own - 8 * h));
+        nearer |= bits != 0;
     }
-    return bits;
+    return nearer;
 }
 
 // The mutual test for query q matched to `train` at squared distance `best`: no other query may
@@ -125,16 +136,18 @@ bool noQueryNearer(const DescriptorTiles& queries, int q, const float* train, fl
         const int n = std::min(kTilesPerCheck, queries.tiles - t0);
         const float* tiles[kTilesPerCheck];
         for (int t = 0; t < n; ++t) tiles[t] = queries.tile(t0 + t);
-        uint64_t bits = 0;
+        const int own = q - t0 * W < n * W ? q - t0 * W : -1;
+        const int d = queries.dimension;
+        bool nearer = false;
         switch (n) {
-            case 4: bits = nearerLanes<4>(train, tiles, queries.dimension, limit); break;
-            case 3: bits = nearerLanes<3>(train, tiles, queries.dimension, limit); break;
-            case 2: bits = nearerLanes<2>(train, tiles, queries.dimension, limit); break;
-            default: bits = nearerLanes<1>(train, tiles, queries.dimension, limit); break;
+            case 6: nearer = anyNearer<6>(train, tiles, d, limit, own); break;
+            case 5: nearer = anyNearer<5>(train, tiles, d, limit, own); break;
+            case 4: nearer = anyNearer<4>(train, tiles, d, limit, own); break;
+            case 3: nearer = anyNearer<3>(train, tiles, d, limit, own); break;
+            case 2: nearer = anyNearer<2>(train, tiles, d, limit, own); break;
+            default: nearer = anyNearer<1>(train, tiles, d, limit, own); break;
         }
-        const int own = q - t0 * W;
-        if (own >= 0 && own < n * W) bits &= ~(uint64_t(1) << own);
-        if (bits != 0) return false;
+        if (nearer) return false;
     }
     return true;
 }
