@@ -15,7 +15,7 @@ namespace {
 
 constexpr int W = DescriptorTiles::kWidth;
 constexpr int kRowsPerPass = 6;   // query rows that share one pass over a train tile (12 sums)
-constexpr int kQueryBlock = 64;   // queries kept in cache while the train tiles stream by
+constexpr int kQueryBlock = 60;   // queries kept in cache while the train tiles stream by (10 passes)
 constexpr int kTilesPerCheck = 6; // query tiles per step of the mutual test (12 sums)
 
 // Squared distances between R single descriptors (`rows`, broadcast element by element) and the
