@@ -1,0 +1,165 @@
+#include "pair/point_index.h"
+
+#include <algorithm>
+#include <cmath>
+#include <utility>
+
+namespace kestor {
+
+PointIndex::PointIndex(const float* points, int64_t count, int leafSize)
+    : points_(points), count_(uint64_t(count)), leafSize_(leafSize) {
+    const int32_t n = int32_t(count);
+    if (n < 1 || points == nullptr) return;
+    // NaN points are left out; an infinite coordinate does not exclude a point.
+    indices_.resize(size_t(n));
+    int kept = 0;
+    for (int32_t i = 0; i < n; ++i) {
+        const float* p = points + 3 * size_t(i);
+        if (!std::isnan(p[0]) && !std::isnan(p[1]) && !std::isnan(p[2])) indices_[size_t(kept++)] = i;
+    }
+    indices_.resize(size_t(kept));
+    if (kept == 0) return;
+    boundingBox(0, kept, box_);
+    root_ = divide(0, kept, box_);
+}
+
+PointIndex::~PointIndex() { releaseIndexTree(root_); }
+
+void PointIndex::boundingBox(int left, int right, float* box) const {
+    for (int axis = 0; axis < 3; ++axis) {
+        box[2 * axis] = box[2 * axis + 1] = coordinate(left, axis);
+    }
+    for (int i = left + 1; i < right; ++i) {
+        for (int axis = 0; axis < 3; ++axis) {
+            const float c = coordinate(i, axis);
+            if (c < box[2 * axis]) box[2 * axis] = c;
+            if (c > box[2 * axis + 1]) box[2 * axis + 1] = c;
+        }
+    }
+}
+
+PointIndexNode* PointIndex::divide(int left, int right, float* box) {
+    PointIndexNode* node = takeIndexNode();
+    if (right - left <= leafSize_) {
+        node->leaf.left = left;
+        node->leaf.right = right;
+        boundingBox(left, right, box);
+        return node;
+    }
+    int axis, middle;
+    float cut;
+    split(left, right, box, axis, cut, middle);
+    float lowBox[6], highBox[6];
+    std::copy(box, box + 6, lowBox);
+    std::copy(box, box + 6, highBox);
+    lowBox[2 * axis + 1] = cut;
+    highBox[2 * axis] = cut;
+    node->child1 = divide(left, middle, lowBox);
+    node->child2 = divide(middle, right, highBox);
+    node->division.divisionAxis = axis;
+    node->division.divisionLow = lowBox[2 * axis + 1];
+    node->division.divisionHigh = highBox[2 * axis];
+    for (int a = 0; a < 3; ++a) {
+        box[2 * a] = std::min(lowBox[2 * a], highBox[2 * a]);
+        box[2 * a + 1] = std::max(lowBox[2 * a + 1], highBox[2 * a + 1]);
+    }
+    return node;
+}
+
+void PointIndex::split(int left, int right, float* box, int& axis, float& cut, int& middle) {
+    middle = (left + right) >> 1;
+    // The widest axis of the box as passed in; a tie goes to the lower axis.
+    axis = 0;
+    float widest = box[1] - box[0];
+    for (int a = 1; a < 3; ++a) {
+        const float span = box[2 * a + 1] - box[2 * a];
+        if (span > widest) {
+            widest = span;
+            axis = a;
+        }
+    }
+    float lo = coordinate(left, axis), hi = lo;
+    for (int i = left + 1; i < right; ++i) {
+        const float c = coordinate(i, axis);
+        if (c < lo) lo = c;
+        if (c > hi) hi = c;
+    }
+    box[2 * axis] = lo;
+    box[2 * axis + 1] = hi;
+    cut = (lo + hi) * 0.5f;
+
+    // Moves the points of [from, right) that satisfy `before` to the front; returns the
+    // position after them. The right cursor never goes below position 0.
+    auto partition = [&](int from, auto before) {
+        int l = from, r = right - 1;
+        for (;;) {
+            while (l <= r && before(coordinate(l, axis))) ++l;
+            while (r > 0 && l <= r && !before(coordinate(r, axis))) --r;
+            if (l > r || r == 0) break;
+            std::swap(indices_[size_t(l)], indices_[size_t(r)]);
+            ++l;
+            --r;
+        }
+        return l;
+    };
+    const float c = cut;
+    const int lim1 = partition(left, [c](float v) { return v < c; });
+    const int lim2 = partition(lim1, [c](float v) { return v <= c; });
+    // A run of coordinates equal to the cut is divided at its middle as far as the limits allow.
+    if (lim1 > middle)
+        middle = lim1;
+    else
+        middle = std::min(lim2, middle);
+}
+
+float PointIndex::boxDistanceSq(const float* q, float* axisDistances) const {
+    float sum = 0.0f;
+    for (int axis = 0; axis < 3; ++axis) {
+        float d = 0.0f;
+        if (q[axis] < box_[2 * axis]) {
+            const float gap = box_[2 * axis] - q[axis];
+            d = gap * gap;
+        } else if (q[axis] > box_[2 * axis + 1]) {
+            const float gap = q[axis] - box_[2 * axis + 1];
+            d = gap * gap;
+        }
+        axisDistances[axis] = d;
+        sum += d;
+    }
+    return sum;
+}
+
+int PointIndex::nearestWithin(const float* q, float radiusSq) const {
+    float axisDistances[3];
+    const float start = boxDistanceSq(q, axisDistances);
+    if (start > radiusSq || root_ == nullptr) return -1;
+    // The bound stays at the radius, so every leaf within it is visited.
+    float best = radiusSq;
+    int position = -1;
+    query(
+        root_, q, axisDistances, start,
+        [&](int i, float distanceSq) {
+            if (best > distanceSq) {
+                best = distanceSq;
+                position = i;
+            }
+        },
+        [radiusSq] { return radiusSq; });
+    return position;
+}
+
+void PointIndex::allWithin(const float* q, float radiusSq, std::vector<int>& outPositions,
+                           std::vector<float>& outDistancesSq) const {
+    float axisDistances[3];
+    const float start = boxDistanceSq(q, axisDistances);
+    if (start > radiusSq || root_ == nullptr) return;
+    query(
+        root_, q, axisDistances, start,
+        [&](int i, float distanceSq) {
+            outPositions.push_back(i);
+            outDistancesSq.push_back(distanceSq);
+        },
+        [radiusSq] { return radiusSq; });
+}
+
+}  // namespace kestor

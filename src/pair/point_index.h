@@ -1,0 +1,100 @@
+#pragma once
+// Static k-d tree over a borrowed array of 3-float points, answering "every point closer than a
+// bound" through callables. Built once, never changed; any number of threads may query one index
+// at once, since all search state belongs to the caller.
+#include <cstdint>
+#include <vector>
+
+#include "pair/node_pool.h"
+
+namespace kestor {
+
+class PointIndex {
+public:
+    // Indexes the points of `points` (x, y, z per point, packed) whose coordinates are not NaN.
+    // `count` is taken as a 32-bit signed number of points; below 1 the index stays empty. The
+    // array must outlive the index. Every caller in the library passes a leaf size of 10.
+    PointIndex(const float* points, int64_t count, int leafSize);
+    ~PointIndex();
+    PointIndex(const PointIndex&) = delete;
+    PointIndex& operator=(const PointIndex&) = delete;
+
+    // Position (in the caller's array) of the nearest point at squared distance below radiusSq,
+    // or -1. Of two points at the same distance the one reached first wins.
+    int nearestWithin(const float* q, float radiusSq) const;
+
+    // Appends every point at squared distance below radiusSq, in tree-walk order. The caller
+    // clears the vectors.
+    void allWithin(const float* q, float radiusSq, std::vector<int>& outPositions,
+                   std::vector<float>& outDistancesSq) const;
+
+    // Squared distance of q from the bounding box on each axis (0 inside the interval), and
+    // their sum.
+    float boxDistanceSq(const float* q, float* axisDistances) const;
+
+    // The recursive search. add(position, distanceSq) is called for each point of a visited
+    // leaf closer than bound(); a far child is visited only while bound() reaches its box.
+    template <typename Add, typename Bound>
+    void query(const PointIndexNode* node, const float* q, float* axisDistances,
+               float minDistanceSq, Add&& add, Bound&& bound) const;
+
+    const float* points() const { return points_; }
+    uint64_t count() const { return count_; }
+    const PointIndexNode* root() const { return root_; }
+    const float* box() const { return box_; }
+    int leafSize() const { return leafSize_; }
+    const std::vector<int32_t>& indices() const { return indices_; }
+
+private:
+    PointIndexNode* divide(int left, int right, float* box);
+    void split(int left, int right, float* box, int& axis, float& cut, int& middle);
+    void boundingBox(int left, int right, float* box) const;
+    float coordinate(int position, int axis) const { return points_[3 * indices_[position] + axis]; }
+
+    const float* points_;
+    uint64_t count_;
+    PointIndexNode* root_ = nullptr;
+    float box_[6] = {0, 0, 0, 0, 0, 0};  // xmin, xmax, ymin, ymax, zmin, zmax
+    int leafSize_;
+    std::vector<int32_t> indices_;
+};
+
+template <typename Add, typename Bound>
+void PointIndex::query(const PointIndexNode* node, const float* q, float* axisDistances,
+                       float minDistanceSq, Add&& add, Bound&& bound) const {
+    if (node->isLeaf()) {
+        const float limit = bound();
+        for (int i = node->leaf.left; i < node->leaf.right; ++i) {
+            const int position = indices_[i];
+            const float* p = points_ + 3 * position;
+            const float dx = q[0] - p[0], dy = q[1] - p[1], dz = q[2] - p[2];
+            const float distanceSq = (dx * dx + dy * dy) + dz * dz;
+            if (limit > distanceSq) add(position, distanceSq);
+        }
+        return;
+    }
+    const int axis = node->division.divisionAxis;
+    const float v = q[axis];
+    const PointIndexNode* nearChild;
+    const PointIndexNode* farChild;
+    float cut;
+    // The cut measures to the far child's limit on the split axis.
+    if ((node->division.divisionLow + node->division.divisionHigh) * 0.5f > v) {
+        nearChild = node->child1;
+        farChild = node->child2;
+        cut = v - node->division.divisionHigh;
+    } else {
+        nearChild = node->child2;
+        farChild = node->child1;
+        cut = v - node->division.divisionLow;
+    }
+    query(nearChild, q, axisDistances, minDistanceSq, add, bound);
+    const float old = axisDistances[axis];
+    const float cutSq = cut * cut;
+    const float farDistanceSq = minDistanceSq + cutSq - old;
+    axisDistances[axis] = cutSq;
+    if (bound() >= farDistanceSq) query(farChild, q, axisDistances, farDistanceSq, add, bound);
+    axisDistances[axis] = old;
+}
+
+}  // namespace kestor
