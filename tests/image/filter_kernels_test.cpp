@@ -110,9 +110,10 @@ TEST(FilterPasses, VectorPassesMatchTheScalarReference) {
         int w, h;
         double sigma;
     };
-    // Odd sizes, rows shorter than one vector, and row kernels longer than the row.
+    // Odd sizes, rows shorter than one vector, kernels longer than the row or the column.
     const Case cases[] = {{37, 23, 1.6}, {13, 17, 0.5}, {1, 11, 1.0},  {5, 13, 1.6},
-                          {3, 13, 1.6},  {9, 5, 0.5},   {64, 40, 3.0}, {161, 15, 0.05}};
+                          {3, 13, 1.6},  {9, 5, 0.5},   {64, 40, 3.0}, {161, 15, 0.05},
+                          {19, 4, 1.6}};
     unsigned seed = 1;
     for (const Case& c : cases) {
         const std::vector<float> in = randomImage(c.w, c.h, seed++, -2.0f, 5.0f);
@@ -120,7 +121,7 @@ TEST(FilterPasses, VectorPassesMatchTheScalarReference) {
             const std::vector<float> rows = run(filterRows, in, c.w, c.h, k);
             expectClose(rows, run(filterRowsReference, in, c.w, c.h, k), k, "rows");
             EXPECT_TRUE(kestor_test::bitwiseEqual(rows, runInPlace(filterRows, in, c.w, c.h, k)));
-            if (c.h < int(k.size())) continue;
+            // Images shorter than the kernel are clamped at both ends, each row once.
             expectClose(run(filterColumns, in, c.w, c.h, k),
                         run(filterColumnsReference, in, c.w, c.h, k), k, "columns");
             expectClose(runInPlace(filterColumns, in, c.w, c.h, k),
