@@ -1,7 +1,7 @@
 // Accuracy of the pyramid pair match on the real and synthetic sequences in the shared data
 // folder: every pair of frames 1 to 5 apart, aligned from the identity, against the ground-truth
 // relative pose. Prints median and 95th-percentile errors and the failed pairs, depth-only and
-// with colour. Not a timing benchmark; run it as it is (arguments are ignored).
+// with colour. Not a timing benchmark; an optional argument picks sequences by name.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -125,16 +125,21 @@ void evaluate(const char* name, const kestor_io::RgbdSequence& seq, bool withCol
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
     const std::string root = KESTOR_SHARED_DATA_DIR;
+    // An optional argument picks the sequences whose name contains it.
+    const std::string only = argc > 1 ? argv[1] : "";
+    auto wanted = [&](const std::string& name) { return name.find(only) != std::string::npos; };
     try {
         for (const char* name : {"tum_fr1_xyz", "synth-handheld", "synth-loop"}) {
+            if (!wanted(name)) continue;
             auto seq = kestor_io::readTumSequence(root + "/" + name);
             if (seq.frames.size() > 60) seq.frames.resize(60);  // keeps the run to minutes
             evaluate(name, seq, false);
             evaluate(name, seq, true);
         }
-        evaluate("7scenes_redkitchen", kestor_io::readSevenScenes(root + "/7scenes_redkitchen", 60),
+        if (wanted("7scenes_redkitchen"))
+            evaluate("7scenes_redkitchen", kestor_io::readSevenScenes(root + "/7scenes_redkitchen", 60),
                  false);
     } catch (const std::exception& e) {
         std::fprintf(stderr, "pair_accuracy: %s\n", e.what());

@@ -36,6 +36,20 @@ void poseFromRow(const std::vector<std::string>& row, size_t first, double pose[
                        std::stod(row[first + 5]), std::stod(row[first + 6]), pose);
 }
 
+// The files print about 7 digits, so their rotations are orthonormal only to about 1e-4, which
+// alone would read as a degree of rotation error: Gram-Schmidt on the rows.
+void orthonormalise(double pose[12]) {
+    double* r[3] = {pose, pose + 4, pose + 8};
+    for (int i = 0; i < 3; ++i) {
+        for (int j = 0; j < i; ++j) {
+            const double d = r[i][0] * r[j][0] + r[i][1] * r[j][1] + r[i][2] * r[j][2];
+            for (int k = 0; k < 3; ++k) r[i][k] -= d * r[j][k];
+        }
+        const double n = std::sqrt(r[i][0] * r[i][0] + r[i][1] * r[i][1] + r[i][2] * r[i][2]);
+        for (int k = 0; k < 3; ++k) r[i][k] /= n;
+    }
+}
+
 }  // namespace
 
 void poseFromQuaternion(const double t[3], double qx, double qy, double qz, double qw,
@@ -103,6 +117,7 @@ RgbdSequence readSevenScenes(const std::string& dir, int maxFrames) {
         for (double& v : m) in >> v;
         if (in) {
             for (int k = 0; k < 12; ++k) f.cameraToWorld[k] = m[k];
+            orthonormalise(f.cameraToWorld);
             f.hasPose = true;
         }
         seq.frames.push_back(f);
