@@ -2,6 +2,7 @@
 
 #include <Eigen/Dense>
 #include <Eigen/SparseCore>
+#include <cmath>
 #include <vector>
 
 #include "core/rigid_transform.h"
@@ -23,50 +24,6 @@ Matrix4 rigid(double a, double b, double c, double x, double y, double z) {
 Vector6 edgeError(const Matrix4& Ti, const Matrix4& Tj, const Matrix4& Z) {
     return misalignment(Tj.inverse() * Ti * Z.inverse());
 }
-
-// One graph of `poses` poses and the given edges, with every array the loops need.
-struct LoopFixture {
-    std::vector<NodePair> pairs;
-    Matrix4Array inverses, poses;
-    std::vector<InformationMatrix> information;
-    std::vector<uint8_t> flags;
-    std::vector<double> costs, weights;
-    std::vector<Eigen::Triplet<double>> triplets;
-    std::vector<Eigen::VectorXd> gradients;
-    EdgeLoopData data;
-
-    void finish(int poseCount, double scale, double prune) {
-        const size_t n = pairs.size();
-        costs.assign(n, -1.0);
-        weights.assign(n, -1.0);
-        triplets.assign(n * kTripletsPerEdge, Eigen::Triplet<double>(0, 0, 0.0));
-        gradients.assign(1, Eigen::VectorXd::Constant(6 * poseCount, 9.0));
-        data.pairs = pairs.data();
-        data.measurementInverses = inverses.data();
-        data.information = information.data();
-        data.flags = flags.data();
-        data.poseCount = poseCount;
-        data.lineProcessScale = scale;
-        data.pruneThreshold = prune;
-        data.costs = costs.data();
-        data.weights = weights.data();
-        data.triplets = triplets.data();
-        data.gradientParts = gradients.data();
-    }
-    void add(int i, int j, const Matrix4& Z, uint8_t flag) {
-        pairs.push_back({i, j});
-        inverses.push_back(Z.inverse());
-        InformationMatrix W{};
-        for (int d = 0; d < 6; ++d) W[d * 7] = 1.0;
-        information.push_back(W);
-        flags.push_back(flag);
-    }
-    Eigen::MatrixXd hessian(int poseCount) const {
-        Eigen::SparseMatrix<double> H(6 * poseCount, 6 * poseCount);
-        H.setFromTriplets(triplets.begin(), triplets.end());
-        return Eigen::MatrixXd(H);
-    }
-};
 
 }  // namespace
 
@@ -92,97 +49,65 @@ TEST(EdgeModel, JacobianIsTheDerivativeOfLeftIncrements) {
     }
 }
 
-TEST(EdgeModel, SatisfiedEdgeCostsNothing) {
-    const Matrix4 Tj = rigid(0.1, 0.2, 0.3, 1, 2, 3);
-    const Matrix4 Z = rigid(-0.3, 0.1, 0.2, 0.5, 0, -0.5);
-    LoopFixture f;
-    f.poses = {Tj * Z, Tj};  // T_i = T_j * Z
-    f.add(0, 1, Z, kEdgeRobust);
-    f.finish(2, 0.7, 0.05);
-    linearizeEdges(f.data, f.poses.data(), 0, 1, 0);
-    EXPECT_NEAR(f.costs[0], 0.0, 1e-20);
-    EXPECT_NEAR(f.weights[0], 1.0, 1e-12);
-    EXPECT_LT(f.gradients[0].norm(), 1e-9);  // cleared on entry, bi = 0
-}
-
 TEST(EdgeModel, WeightsPruneAndCost) {
-    // T_i one unit along x from what Z says: e = (0, 0, 0, 1, 0, 0), chi2 = 1 under W = I.
-    const Matrix4 Z = Matrix4::Identity();
-    LoopFixture f;
-    f.poses = {rigid(0, 0, 0, 1, 0, 0), Matrix4::Identity()};
-    f.add(0, 1, Z, kEdgeRobust);
-    f.add(0, 1, Z, kEdgeTrusted);
-    f.finish(2, 1.0, 0.05);
-    linearizeEdges(f.data, f.poses.data(), 0, 2, 0);
-    EXPECT_DOUBLE_EQ(f.weights[0], 0.25);  // chi2 equal to the scale
-    EXPECT_DOUBLE_EQ(f.costs[0], 0.25 + 0.25);
-    EXPECT_EQ(f.weights[1], 1.0);
-    EXPECT_DOUBLE_EQ(f.costs[1], 1.0);
-
-    f.finish(2, 0.0, 0.05);  // no kernel: a robust edge drops out, a trusted one pays chi2
-    linearizeEdges(f.data, f.poses.data(), 0, 2, 0);
-    EXPECT_EQ(f.weights[0], 0.0);
-    EXPECT_EQ(f.weights[1], 1.0);
-    EXPECT_DOUBLE_EQ(f.costs[1], 1.0);
-
-    f.finish(2, 3.0, 1.5);  // a threshold above 1 prunes the trusted edge too
-    linearizeEdges(f.data, f.poses.data(), 0, 2, 0);
-    EXPECT_EQ(f.weights[1], 0.0);
-    EXPECT_DOUBLE_EQ(f.costs[1], 3.0);
-    EXPECT_EQ(f.hessian(2).norm(), 0.0);  // pruned edges stay in with zero entries
-    EXPECT_EQ(f.gradients[0].norm(), 0.0);
-
-    // The trial pricing keeps the weights and uses the trial poses.
-    f.finish(2, 1.0, 0.05);
-    f.weights = {0.5, 1.0};
-    const Matrix4Array trial = {rigid(0, 0, 0, 2, 0, 0), Matrix4::Identity()};
-    priceEdges(f.data, trial.data(), 0, 2);
-    EXPECT_EQ(f.weights[0], 0.5);
-    EXPECT_NEAR(f.costs[0], (std::sqrt(0.5) - 1) * (std::sqrt(0.5) - 1) + 0.5 * 4, 1e-12);
-    EXPECT_NEAR(f.costs[1], 4.0, 1e-12);
+    struct Case {
+        uint8_t flag;
+        double chi2, scale, prune, weight, cost;
+    };
+    for (const Case c : {Case{kEdgeRobust, 0, 0.7, 0.05, 1, 0},      // satisfied: no cost
+                         Case{kEdgeRobust, 2, 2, 0.05, 0.25, 0.5 + 0.5},  // chi2 = scale: 1/4
+                         Case{kEdgeRobust, 1, 0, 0.05, 0, 0},        // no kernel: robust drops
+                         Case{kEdgeTrusted, 1, 0, 0.05, 1, 1},       // a 255 pays chi2
+                         Case{kEdgeTrusted, 1, 3, 1.5, 0, 3}}) {     // above 1 prunes it too
+        SCOPED_TRACE(c.chi2 + 10 * c.scale);
+        const double weight = edgeWeight(c.flag, c.chi2, c.scale, c.prune);
+        EXPECT_DOUBLE_EQ(weight, c.weight);
+        EXPECT_DOUBLE_EQ(edgeCost(weight, c.chi2, c.scale), c.cost);
+    }
 }
 
-TEST(EdgeModel, TripletsLandOnTheBlocksOfBothPoses) {
+TEST(EdgeModel, LoopsWriteOnlyActiveEdgesOnTheBlocksOfBothPoses) {
     const Matrix4 Ti = rigid(0.2, 0.1, -0.3, 1, 0.5, 0), Tj = rigid(-0.2, 0.3, 0.1, 0, 1, 0.2);
     const Matrix4 Z = rigid(0.1, 0, 0.2, 0.3, 0.1, 0);
-    LoopFixture f;
-    f.poses = {Matrix4::Identity(), Tj, Matrix4::Identity(), Ti};
-    f.add(3, 1, Z, kEdgeTrusted);
-    f.add(0, 2, Z, kEdgeIgnored);  // skipped: entries stay as they were
-    f.add(4, 0, Z, kEdgeRobust);   // index equal to poseCount: skipped
-    f.finish(4, 1.0, 0.05);
-    linearizeEdges(f.data, f.poses.data(), 0, 3, 0);
-    for (int k = kTripletsPerEdge; k < 3 * kTripletsPerEdge; ++k) {
-        EXPECT_EQ(f.triplets[k].row(), 0);
-        EXPECT_EQ(f.triplets[k].col(), 0);
-        EXPECT_EQ(f.triplets[k].value(), 0.0);
-    }
-    EXPECT_EQ(f.costs[1], -1.0);
-    EXPECT_EQ(f.weights[2], -1.0);
+    // Edge 1 is off and edge 2 names pose 4 of 4: both keep their entries. Edge 3 joins a pose
+    // to itself: its blocks cancel and only its cost is left.
+    const std::vector<NodePair> pairs = {{3, 1}, {0, 2}, {4, 0}, {2, 2}};
+    const std::vector<uint8_t> flags = {kEdgeTrusted, kEdgeIgnored, kEdgeRobust, kEdgeTrusted};
+    const Matrix4Array poses = {Matrix4::Identity(), Tj, rigid(0.3, 0, 0, 1, 1, 1), Ti};
+    const Matrix4Array inverses(4, Z.inverse());
+    InformationMatrix W{};
+    for (int d = 0; d < 6; ++d) W[d * 7] = 1.0;
+    const std::vector<InformationMatrix> information(4, W);
+    std::vector<double> costs(4, -1.0), weights(4, -1.0);
+    std::vector<Eigen::Triplet<double>> triplets(4 * kTripletsPerEdge, {0, 0, 0.0});
+    std::vector<Eigen::VectorXd> gradient(1, Eigen::VectorXd::Constant(24, 9.0));
+    const EdgeLoopData d{pairs.data(), inverses.data(), information.data(), flags.data(), 4, 1.0,
+                         0.05, costs.data(), weights.data(), triplets.data(), gradient.data()};
+    linearizeEdges(d, poses.data(), 0, 4, 0);
+    for (int k = kTripletsPerEdge; k < 3 * kTripletsPerEdge; ++k)
+        EXPECT_TRUE(triplets[k].row() == 0 && triplets[k].col() == 0 && triplets[k].value() == 0) << k;
+    EXPECT_EQ(costs[1] + weights[1] + costs[2] + weights[2], -4.0);
+    EXPECT_GT(costs[3], 0.01);
 
     Matrix6 J;
     Vector6 e;
     edgeJacobian(Ti, Tj, Z, J, e);
-    const Eigen::MatrixXd H = f.hessian(4);
-    const Matrix6 JtJ = J.transpose() * J;
-    EXPECT_LT((H.block<6, 6>(18, 18) - JtJ).norm(), 1e-12);
-    EXPECT_LT((H.block<6, 6>(6, 6) - JtJ).norm(), 1e-12);
-    EXPECT_LT((H.block<6, 6>(18, 6) + JtJ).norm(), 1e-12);
-    EXPECT_LT((H.block<6, 6>(6, 18) + JtJ).norm(), 1e-12);
-    EXPECT_EQ((H.block<6, 6>(0, 0).norm() + H.block<6, 6>(12, 12).norm()), 0.0);
-    const Vector6 b = J.transpose() * e;
-    EXPECT_LT((f.gradients[0].segment<6>(18) - b).norm(), 1e-12);
-    EXPECT_LT((f.gradients[0].segment<6>(6) + b).norm(), 1e-12);
-}
+    Eigen::MatrixXd H = Eigen::MatrixXd::Zero(24, 24);
+    Eigen::VectorXd b = Eigen::VectorXd::Zero(24);
+    H.block<6, 6>(18, 18) = H.block<6, 6>(6, 6) = J.transpose() * J;
+    H.block<6, 6>(18, 6) = H.block<6, 6>(6, 18) = -J.transpose() * J;
+    b.segment<6>(18) = J.transpose() * e;
+    b.segment<6>(6) = -J.transpose() * e;
+    Eigen::SparseMatrix<double> sum(24, 24);
+    sum.setFromTriplets(triplets.begin(), triplets.end());
+    EXPECT_LT((Eigen::MatrixXd(sum) - H).norm(), 1e-12);
+    EXPECT_LT((gradient[0] - b).norm(), 1e-12);  // cleared on entry
 
-TEST(EdgeModel, EdgeFromAPoseToItselfLeavesOnlyItsCost) {
-    const Matrix4 Z = rigid(0.1, 0.2, 0, 0.5, 0, 0);
-    LoopFixture f;
-    f.poses = {rigid(0.3, 0, 0, 1, 1, 1), Matrix4::Identity()};
-    f.add(0, 0, Z, kEdgeTrusted);
-    f.finish(2, 1.0, 0.05);
-    linearizeEdges(f.data, f.poses.data(), 0, 1, 0);
-    EXPECT_LT(f.hessian(2).norm(), 1e-12);
-    EXPECT_LT(f.gradients[0].norm(), 1e-12);
-    EXPECT_GT(f.costs[0], 0.01);
+    // The trial pricing keeps the weights and reads the trial poses: there edge 0 is satisfied.
+    weights[0] = 0.5;
+    const Matrix4Array trial = {Matrix4::Identity(), Tj, poses[2], Tj * Z};
+    priceEdges(d, trial.data(), 0, 4);
+    EXPECT_EQ(weights[0], 0.5);
+    EXPECT_NEAR(costs[0], (std::sqrt(0.5) - 1) * (std::sqrt(0.5) - 1), 1e-12);
+    EXPECT_EQ(costs[1], -1.0);
 }

@@ -54,13 +54,25 @@ std::vector<float> randomDescriptors(int count, int dimension, std::mt19937& rng
     return v;
 }
 
-void expectSameFloats(const std::vector<float>& a, const std::vector<float>& b) {
-    ASSERT_EQ(a.size(), b.size());
-    for (size_t i = 0; i < a.size(); ++i) {
-        if (std::isnan(b[i]))
-            EXPECT_TRUE(std::isnan(a[i])) << i;
-        else
-            EXPECT_EQ(a[i], b[i]) << i;
+// Runs the matcher serial and parallel, with and without distances, against the expectation
+// (NaN distances compare equal to NaN).
+void expectMatches(const std::vector<float>& train, const std::vector<float>& query,
+                   int dimension, bool crossCheck, const std::vector<int>& expected,
+                   const std::vector<float>& expectedDistances) {
+    const int trainCount = int(train.size()) / dimension, queryCount = int(query.size()) / dimension;
+    for (bool parallel : {false, true}) {
+        std::vector<int> matches(size_t(queryCount), -7), bare(size_t(queryCount), -7);
+        std::vector<float> distances(size_t(queryCount), -7);
+        kestor::matchDescriptors(train.data(), trainCount, query.data(), matches.data(),
+                                 distances.data(), queryCount, dimension, crossCheck, parallel);
+        kestor::matchDescriptors(train.data(), trainCount, query.data(), bare.data(), nullptr,
+                                 queryCount, dimension, crossCheck, parallel);
+        EXPECT_EQ(matches, expected) << "parallel " << parallel;
+        EXPECT_EQ(bare, expected) << "without distances";
+        for (size_t i = 0; i < distances.size(); ++i)
+            EXPECT_TRUE(std::isnan(expectedDistances[i]) ? std::isnan(distances[i])
+                                                         : distances[i] == expectedDistances[i])
+                << i << ": " << distances[i];
     }
 }
 
@@ -71,137 +83,50 @@ TEST(DescriptorMatch, AgreesBitForBitWithThePlainScanOnAwkwardSizes) {
     struct Shape {
         int train, query, dimension;
     };
-    // Counts off the tile (16), pass (4) and block (64) sizes; dimensions odd and long.
+    // Counts off the tile (16), pass (4) and block (64) sizes; dimensions odd and long. Few
+    // distinct values, so that exact ties between train descriptors and between queries occur.
     for (const Shape s : {Shape{1, 1, 1}, Shape{17, 5, 3}, Shape{40, 67, 33}, Shape{130, 70, 128},
                           Shape{15, 129, 7}}) {
-        // Few distinct values, so that exact ties between train descriptors and between
-        // queries occur.
         std::vector<float> train = randomDescriptors(s.train, s.dimension, rng);
         std::vector<float> query = randomDescriptors(s.query, s.dimension, rng);
         for (float& x : train) x = std::round(x * 2);
         for (float& x : query) x = std::round(x * 2);
         for (bool crossCheck : {false, true}) {
+            SCOPED_TRACE(std::to_string(s.train) + "x" + std::to_string(s.query) + "x" +
+                         std::to_string(s.dimension) + (crossCheck ? " mutual" : ""));
             std::vector<int> expected;
             std::vector<float> expectedDistances;
             referenceMatch(train, s.train, query, s.query, s.dimension, crossCheck, expected,
                            expectedDistances);
-            for (bool parallel : {false, true}) {
-                std::vector<int> matches(size_t(s.query), -7);
-                std::vector<float> distances(size_t(s.query), -7);
-                kestor::matchDescriptors(train.data(), s.train, query.data(), matches.data(),
-                                         distances.data(), s.query, s.dimension, crossCheck,
-                                         parallel);
-                EXPECT_EQ(matches, expected) << s.train << "x" << s.query << "x" << s.dimension;
-                expectSameFloats(distances, expectedDistances);
-            }
+            expectMatches(train, query, s.dimension, crossCheck, expected, expectedDistances);
         }
     }
 }
 
-TEST(DescriptorMatch, BruteForceTiesGoToTheLowerIndex) {
-    // Identical descriptors in the same tile, across tile halves, and across tiles.
-    const int dimension = 5, trainCount = 40;
-    std::mt19937 rng(9);
-    std::vector<float> train = randomDescriptors(trainCount, dimension, rng);
-    std::vector<float> query = randomDescriptors(3, dimension, rng);
-    for (int e = 0; e < dimension; ++e) {
-        train[size_t(37 * dimension + e)] = train[size_t(21 * dimension + e)] = query[size_t(e)];
-        train[size_t(13 * dimension + e)] = train[size_t(5 * dimension + e)] =
-            query[size_t(dimension + e)];
-        train[size_t(9 * dimension + e)] = train[size_t(1 * dimension + e)] =
-            query[size_t(2 * dimension + e)];
-    }
-    std::vector<int> matches(3);
-    kestor::matchDescriptors(train.data(), trainCount, query.data(), matches.data(), nullptr, 3,
-                             dimension, false, false);
-    EXPECT_EQ(matches, (std::vector<int>{21, 5, 1}));
-}
-
-TEST(DescriptorMatch, MutualTestFailsOnlyOnAStrictlyNearerQuery) {
-    const float train[2] = {0, 10};
-    {
-        // Query 1 lies nearer to train 0 than query 0 does: query 0 fails, query 1 keeps it.
-        const float query[2] = {2, 1};
-        int matches[2];
-        float distances[2];
-        kestor::matchDescriptors(train, 2, query, matches, distances, 2, 1, true, false);
-        EXPECT_EQ(matches[0], -1);
-        EXPECT_TRUE(std::isnan(distances[0]));
-        EXPECT_EQ(matches[1], 0);
-        EXPECT_EQ(distances[1], 1.0f);
-        kestor::matchDescriptors(train, 2, query, matches, distances, 2, 1, false, false);
-        EXPECT_EQ(matches[0], 0);
-        EXPECT_EQ(distances[0], 2.0f);
-    }
-    {
-        // Two identical queries tie: both keep the same train descriptor.
-        const float query[2] = {3, 3};
-        int matches[2];
-        kestor::matchDescriptors(train, 2, query, matches, nullptr, 2, 1, true, true);
-        EXPECT_EQ(matches[0], 0);
-        EXPECT_EQ(matches[1], 0);
-    }
-    {
-        // One query cannot fail; one train descriptor takes every query not beaten by another.
-        const float query[3] = {4, 1, 9};
-        int matches[3];
-        kestor::matchDescriptors(train, 1, query, matches, nullptr, 1, 1, true, false);
-        EXPECT_EQ(matches[0], 0);
-        kestor::matchDescriptors(train, 1, query, matches, nullptr, 3, 1, false, false);
-        EXPECT_EQ(matches[0], 0);
-        EXPECT_EQ(matches[2], 0);
-        kestor::matchDescriptors(train, 1, query, matches, nullptr, 3, 1, true, false);
-        EXPECT_EQ(matches[0], -1);
-        EXPECT_EQ(matches[1], 0);
-        EXPECT_EQ(matches[2], -1);
-    }
-}
-
-TEST(DescriptorMatch, NotANumberDistancesFollowTheScanFromTrainZero) {
+TEST(DescriptorMatch, TiesTheMutualTestAndNotANumber) {
     const float nan = std::numeric_limits<float>::quiet_NaN();
-    int matches[2];
-    float distances[2];
-    {
-        // NaN at train 0 is never beaten: every query stays there, with a NaN distance, and
-        // nothing can be strictly nearer than NaN.
-        const float train[3] = {nan, 1, 2};
-        const float query[2] = {1, 2};
-        kestor::matchDescriptors(train, 3, query, matches, distances, 2, 1, true, false);
-        EXPECT_EQ(matches[0], 0);
-        EXPECT_EQ(matches[1], 0);
-        EXPECT_TRUE(std::isnan(distances[0]));
+    struct Case {
+        const char* what;
+        std::vector<float> train, query;
+        bool crossCheck;
+        std::vector<int> matches;
+        std::vector<float> distances;
+    };
+    const Case cases[] = {
+        {"a strictly nearer query fails the other", {0, 10}, {2, 1}, true, {-1, 0}, {nan, 1}},
+        {"without the mutual test", {0, 10}, {2, 1}, false, {0, 0}, {2, 1}},
+        {"equal queries both keep it", {0, 10}, {3, 3}, true, {0, 0}, {3, 3}},
+        {"one query cannot fail", {0}, {4}, true, {0}, {4}},
+        {"one train descriptor takes all", {0}, {4, 1, 9}, false, {0, 0, 0}, {4, 1, 9}},
+        {"unless a nearer query beats them", {0}, {4, 1, 9}, true, {-1, 0, -1}, {nan, 1, nan}},
+        {"ties go to the lower index", {5, 2, 2, 7, 2}, {2}, false, {1}, {0}},
+        {"NaN at train 0 is never beaten", {nan, 1, 2}, {1, 2}, true, {0, 0}, {nan, nan}},
+        {"a later NaN is skipped", {5, nan, 7, nan, 1, 8, 8, 8, 8, 8, 8, 8, 8, 8, 8, 8, nan, 0.5f, 8, 8},
+         {0, 9}, false, {17, 5}, {0.5f, 1}},
+        {"a NaN query keeps train 0", {1, 2}, {nan, 2}, true, {0, 1}, {nan, 0}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        expectMatches(c.train, c.query, 1, c.crossCheck, c.matches, c.distances);
     }
-    {
-        // A NaN later on is skipped.
-        const float train[20] = {5, nan, 7, nan, 1, 8, 8, 8, 8, 8, 8, 8, 8, 8, 8, 8, nan, 0.5f, 8, 8};
-        const float query[2] = {0, 9};
-        kestor::matchDescriptors(train, 20, query, matches, distances, 2, 1, false, true);
-        EXPECT_EQ(matches[0], 17);
-        EXPECT_EQ(distances[0], 0.5f);
-        EXPECT_EQ(matches[1], 5);
-    }
-    {
-        // A NaN query is NaN away from train 0 and keeps it.
-        const float train[2] = {1, 2};
-        const float query[2] = {nan, 2};
-        kestor::matchDescriptors(train, 2, query, matches, distances, 2, 1, true, false);
-        EXPECT_EQ(matches[0], 0);
-        EXPECT_TRUE(std::isnan(distances[0]));
-        EXPECT_EQ(matches[1], 1);
-    }
-}
-
-TEST(DescriptorMatch, NullDistancesGiveTheSameMatches) {
-    std::mt19937 rng(21);
-    const std::vector<float> train = randomDescriptors(50, 12, rng);
-    const std::vector<float> query = randomDescriptors(30, 12, rng);
-    std::vector<int> a(30), b(30);
-    std::vector<float> distances(30);
-    ASSERT_EQ(KESTORMatchDescriptor(train.data(), 50, query.data(), a.data(), distances.data(), 30,
-                                    12, true, true),
-              KESTOR_STATUS_OK);
-    ASSERT_EQ(KESTORMatchDescriptor(train.data(), 50, query.data(), b.data(), nullptr, 30, 12,
-                                    true, true),
-              KESTOR_STATUS_OK);
-    EXPECT_EQ(a, b);
 }

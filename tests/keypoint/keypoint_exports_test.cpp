@@ -1,30 +1,23 @@
-// Bad arguments at every key-point export: status 4 and nothing written or called.
+// Bad arguments at every key-point export: status 4 and nothing written or called. Each row
+// spoils one argument: a null pointer or a count below 1.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "kestor.h"
 
 namespace {
 
-constexpr double kSentinel = -99.0;
-
 struct Outputs {
     double pose[12];
-    int matches[4];
-    float distances[4];
+    int matches[4] = {-5, -5, -5, -5};
+    float distances[4] = {-5, -5, -5, -5};
     int calls = 0;
-    Outputs() {
-        std::fill(pose, pose + 12, kSentinel);
-        std::fill(matches, matches + 4, -5);
-        std::fill(distances, distances + 4, -5.0f);
-    }
+    Outputs() { std::fill(pose, pose + 12, -99.0); }
     bool untouched() const {
-        for (double v : pose)
-            if (v != kSentinel) return false;
-        for (int i = 0; i < 4; ++i)
-            if (matches[i] != -5 || distances[i] != -5.0f) return false;
-        return calls == 0;
+        return std::count(pose, pose + 12, -99.0) == 12 && std::count(matches, matches + 4, -5) == 4 &&
+               std::count(distances, distances + 4, -5.0f) == 4 && calls == 0;
     }
 };
 
@@ -33,72 +26,52 @@ void countCall(const KESTORIndexPair*, int, void* context) { ++static_cast<Outpu
 const float kPoints[12] = {0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1};
 const float kDescriptors[8] = {0, 1, 2, 3, 4, 5, 6, 7};
 
+// The arguments in the order the key-point matchers take them; `bad` picks the one to spoil.
+struct Args {
+    const float *tp = kPoints, *td = kDescriptors, *sp = kPoints, *sd = kDescriptors;
+    int tc = 4, sc = 4, dim = 2;
+    double* result;
+    Args(int bad, double* out) : result(out) {
+        const float** pointers[4] = {&tp, &td, &sp, &sd};
+        if (bad < 4) *pointers[bad] = nullptr;
+        tc = bad == 4 ? 0 : 4;
+        sc = bad == 5 ? -3 : 4;
+        dim = bad == 6 ? 0 : 2;
+        if (bad == 7) result = nullptr;
+    }
+};
+
 }  // namespace
 
-TEST(KeyPointExports, AbsoluteOrientationRejectsBadArguments) {
+TEST(KeyPointExports, EveryExportRejectsBadArgumentsWritingNothing) {
     Outputs o;
-    EXPECT_EQ(KESTORAbsoluteOrientation(nullptr, kPoints, 4, o.pose), 4);
-    EXPECT_EQ(KESTORAbsoluteOrientation(kPoints, nullptr, 4, o.pose), 4);
-    EXPECT_EQ(KESTORAbsoluteOrientation(kPoints, kPoints, 0, o.pose), 4);
-    EXPECT_EQ(KESTORAbsoluteOrientation(kPoints, kPoints, -1, o.pose), 4);
-    EXPECT_EQ(KESTORAbsoluteOrientation(kPoints, kPoints, 4, nullptr), 4);
+    for (int bad = 0; bad < 8; ++bad) {
+        const Args a(bad, o.pose);
+        EXPECT_EQ(KESTORMatchKeyPointsRansac(a.tp, kPoints, a.td, a.tc, a.sp, kPoints, a.sd, a.sc,
+                                             a.dim, a.result, 10, 0.9, 0.1, false, true,
+                                             &countCall, &o),
+                  4) << bad;
+        EXPECT_EQ(KESTORMatchKeyPointsIterative(a.tp, a.td, a.tc, a.sp, a.sd, a.sc, a.dim,
+                                                a.result, 10, 1.0, 0.1, false, true, &countCall, &o),
+                  4) << bad;
+        // The descriptor matcher: train, query, matches, and the three counts.
+        const float* d = kDescriptors;
+        EXPECT_EQ(KESTORMatchDescriptor(bad == 0 ? nullptr : d, bad == 1 ? 0 : 4,
+                                        bad == 2 ? nullptr : d, bad == 3 || bad > 5 ? nullptr : o.matches,
+                                        o.distances, bad == 4 ? 0 : 4, bad == 5 ? 0 : 2, true, true),
+                  4) << bad;
+        // Absolute orientation: target, source, count, result.
+        EXPECT_EQ(KESTORAbsoluteOrientation(bad == 0 ? nullptr : kPoints, bad == 1 ? nullptr : kPoints,
+                                            bad == 2 ? 0 : bad == 3 ? -1 : 4,
+                                            bad >= 4 ? nullptr : o.pose),
+                  4) << bad;
+    }
     EXPECT_TRUE(o.untouched());
-}
-
-TEST(KeyPointExports, MatchDescriptorRejectsBadArguments) {
-    Outputs o;
-    const float* d = kDescriptors;
-    EXPECT_EQ(KESTORMatchDescriptor(nullptr, 4, d, o.matches, o.distances, 4, 2, true, true), 4);
-    EXPECT_EQ(KESTORMatchDescriptor(d, 0, d, o.matches, o.distances, 4, 2, true, true), 4);
-    EXPECT_EQ(KESTORMatchDescriptor(d, 4, nullptr, o.matches, o.distances, 4, 2, true, true), 4);
-    EXPECT_EQ(KESTORMatchDescriptor(d, 4, d, nullptr, o.distances, 4, 2, true, true), 4);
-    EXPECT_EQ(KESTORMatchDescriptor(d, 4, d, o.matches, o.distances, 0, 2, true, true), 4);
-    EXPECT_EQ(KESTORMatchDescriptor(d, 4, d, o.matches, o.distances, 4, 0, true, true), 4);
-    EXPECT_TRUE(o.untouched());
-    EXPECT_EQ(KESTORMatchDescriptor(d, 4, d, o.matches, nullptr, 4, 2, true, false), 0);
-    EXPECT_EQ(o.matches[3], 3);
-}
-
-TEST(KeyPointExports, RansacRejectsBadArguments) {
-    Outputs o;
-    const float* p = kPoints;
-    const float* d = kDescriptors;
-    auto call = [&](const float* tp, const float* td, int tc, const float* sp, const float* sd,
-                    int sc, int dim, double* result) {
-        return KESTORMatchKeyPointsRansac(tp, p, td, tc, sp, p, sd, sc, dim, result, 10, 0.9,
-                                          0.1, false, true, &countCall, &o);
-    };
-    EXPECT_EQ(call(nullptr, d, 4, p, d, 4, 2, o.pose), 4);
-    EXPECT_EQ(call(p, nullptr, 4, p, d, 4, 2, o.pose), 4);
-    EXPECT_EQ(call(p, d, 0, p, d, 4, 2, o.pose), 4);
-    EXPECT_EQ(call(p, d, 4, nullptr, d, 4, 2, o.pose), 4);
-    EXPECT_EQ(call(p, d, 4, p, nullptr, 4, 2, o.pose), 4);
-    EXPECT_EQ(call(p, d, 4, p, d, 0, 2, o.pose), 4);
-    EXPECT_EQ(call(p, d, 4, p, d, 4, 0, o.pose), 4);
-    EXPECT_EQ(call(p, d, 4, p, d, 4, 2, nullptr), 4);
-    EXPECT_TRUE(o.untouched());
-    // Normals are optional and the callback may be null.
-    EXPECT_EQ(KESTORMatchKeyPointsRansac(p, nullptr, d, 4, p, nullptr, d, 4, 2, o.pose, 10, 0.5,
-                                         0.1, false, false, nullptr, nullptr),
+    // Normals are optional, the callback and the distances may be null.
+    EXPECT_EQ(KESTORMatchKeyPointsRansac(kPoints, nullptr, kDescriptors, 4, kPoints, nullptr,
+                                         kDescriptors, 4, 2, o.pose, 10, 0.5, 0.1, false, false,
+                                         nullptr, nullptr),
               0);
-}
-
-TEST(KeyPointExports, IterativeRejectsBadArguments) {
-    Outputs o;
-    const float* p = kPoints;
-    const float* d = kDescriptors;
-    auto call = [&](const float* tp, const float* td, int tc, const float* sp, const float* sd,
-                    int sc, int dim, double* result) {
-        return KESTORMatchKeyPointsIterative(tp, td, tc, sp, sd, sc, dim, result, 10, 1.0, 0.1,
-                                             false, true, &countCall, &o);
-    };
-    EXPECT_EQ(call(nullptr, d, 4, p, d, 4, 2, o.pose), 4);
-    EXPECT_EQ(call(p, nullptr, 4, p, d, 4, 2, o.pose), 4);
-    EXPECT_EQ(call(p, d, 0, p, d, 4, 2, o.pose), 4);
-    EXPECT_EQ(call(p, d, 4, nullptr, d, 4, 2, o.pose), 4);
-    EXPECT_EQ(call(p, d, 4, p, nullptr, 4, 2, o.pose), 4);
-    EXPECT_EQ(call(p, d, 4, p, d, -3, 2, o.pose), 4);
-    EXPECT_EQ(call(p, d, 4, p, d, 4, 0, o.pose), 4);
-    EXPECT_EQ(call(p, d, 4, p, d, 4, 2, nullptr), 4);
-    EXPECT_TRUE(o.untouched());
+    EXPECT_EQ(KESTORMatchDescriptor(kDescriptors, 4, kDescriptors, o.matches, nullptr, 4, 2, true, false), 0);
+    EXPECT_EQ(o.matches[3], 3);
 }
