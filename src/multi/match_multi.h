@@ -28,9 +28,23 @@ void matchMultiVmap(const float* const* vmaps, const float* const* nmaps,
                     std::vector<RT_<double>>& poses, const MultiOptions& options,
                     const ProgressFunc& progress);
 
-}  // namespace kestor
+// Joint alignment of point sets, one pointer per frame and sizes[f] points each. Each frame gets
+// an index; with normals and intensities also an intensity gradient over a radius of twice
+// maxDistance, for the coloured mode. Without normals point to point, with normals alone point to
+// plane. Fewer than two frames, or a frame whose array the mode needs is missing, leave the poses
+// unchanged.
+void matchMultiPoints(const float* const* points, const float* const* normals,
+                      const float* const* intensities, const int* sizes,
+                      std::vector<RT_<double>>& poses, const MultiOptions& options,
+                      const ProgressFunc& progress);
 
-namespace kestor {
+// Joint alignment of vertex maps (width x height): without normals point to point, with normals
+// and gray maps the coloured mode on gradients computed here at sigma 1.6, with normals alone
+// point to plane.
+void matchMultiImages(const float* const* vmaps, const float* const* nmaps,
+                      const float* const* grays, int width, int height, const Intrinsics& k,
+                      std::vector<RT_<double>>& poses, const MultiOptions& options,
+                      const ProgressFunc& progress);
 
 // Joint alignment from raw depth images (packed, width x height), with optional colour and
 // masks: vertex and normal maps from each depth, and with colour, gray and gradient maps at

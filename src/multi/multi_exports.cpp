@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "kestor.h"
+#include "multi/align_groups.h"
 #include "multi/match_multi.h"
 
 using namespace kestor;
@@ -38,6 +39,27 @@ MultiOptions multiOptions(int iterations, double maxDistance, double maxAngle, d
 
 extern "C" {
 
+int KESTORMatchMulti(const float* const* points, const float* const* normals,
+                     const float* const* intensities, const int* sizes, const double* K,
+                     double* rts, int frameCount, int iterations, double maxDistance,
+                     double maxAngle, double minScore, double colorWeight, int refreshInterval,
+                     bool parallel, bool log, KESTORProgressFunc progress, void* user) {
+    if (points == nullptr || sizes == nullptr || rts == nullptr || frameCount < 2)
+        return KESTOR_STATUS_BAD_ARGUMENT;
+    std::vector<RT_<double>> poses = readPoses(rts, frameCount);
+    const MultiOptions options = multiOptions(iterations, maxDistance, maxAngle, minScore,
+                                              colorWeight, refreshInterval, parallel, log);
+    // With a camera the arrays are maps of sizes[0] x sizes[1]; without, point sets.
+    if (K != nullptr)
+        matchMultiImages(points, normals, intensities, sizes[0], sizes[1],
+                         intrinsicsFromMatrix(K), poses, options, wrapProgress(progress, user));
+    else
+        matchMultiPoints(points, normals, intensities, sizes, poses, options,
+                         wrapProgress(progress, user));
+    writePoses(poses, rts);
+    return KESTOR_STATUS_OK;
+}
+
 int KESTORMatchMultiVmapNmap(const float* const* vmaps, const float* const* nmaps,
                              const float* const* grays, const float* const* gradXs,
                              const float* const* gradYs, int width, int height, const double* K,
@@ -71,6 +93,47 @@ int KESTORMatchMultiDepth(const float* const* depths, const unsigned char* const
     matchMultiDepth(depths, colors, masks, width, height, intrinsicsFromMatrix(K), poses,
                     multiOptions(iterations, maxDistance, maxAngle, minScore, colorWeight,
                                  refreshInterval, parallel, log),
+                    wrapProgress(progress, user));
+    writePoses(poses, rts);
+    return KESTOR_STATUS_OK;
+}
+
+int KESTORMatchMultiDepthInGroup(const float* const* depths, const unsigned char* const* colors,
+                                 const unsigned char* const* masks, int width, int height,
+                                 const double* K, double* rts, const int* groupIds,
+                                 int frameCount, int iterations, double maxDistance,
+                                 double maxAngle, double minScore, double colorWeight,
+                                 bool parallel, bool log, KESTORProgressFunc progress,
+                                 void* user) {
+    if (depths == nullptr || rts == nullptr || groupIds == nullptr || width < 1 || height < 1 ||
+        frameCount < 2)
+        return KESTOR_STATUS_BAD_ARGUMENT;
+    std::vector<RT_<double>> poses = readPoses(rts, frameCount);
+    matchGroupsDepth(depths, colors, masks, width, height, intrinsicsFromMatrix(K), poses,
+                     groupIds,
+                     multiOptions(iterations, maxDistance, maxAngle, minScore, colorWeight, 0,
+                                  parallel, log),
+                     wrapProgress(progress, user));
+    writePoses(poses, rts);
+    return KESTOR_STATUS_OK;
+}
+
+int KESTORMatchMultiVmapNmapInGroup(const float* const* vmaps, const float* const* nmaps,
+                                    const float* const* grays, const float* const* gradXs,
+                                    const float* const* gradYs, int width, int height,
+                                    const double* K, double* rts, const int* groupIds,
+                                    int frameCount, int iterations, double maxDistance,
+                                    double maxAngle, double minScore, double colorWeight,
+                                    bool parallel, bool log, KESTORProgressFunc progress,
+                                    void* user) {
+    if (vmaps == nullptr || rts == nullptr || groupIds == nullptr || width < 1 || height < 1 ||
+        frameCount < 2)
+        return KESTOR_STATUS_BAD_ARGUMENT;
+    std::vector<RT_<double>> poses = readPoses(rts, frameCount);
+    matchGroupsVmap(vmaps, nmaps, grays, gradXs, gradYs, width, height, intrinsicsFromMatrix(K),
+                    poses, groupIds,
+                    multiOptions(iterations, maxDistance, maxAngle, minScore, colorWeight, 0,
+                                 parallel, log),
                     wrapProgress(progress, user));
     writePoses(poses, rts);
     return KESTOR_STATUS_OK;

@@ -10,15 +10,6 @@ namespace kestor {
 
 namespace {
 
-// The photometric residual of a moved source point against its target partner: the point is
-// projected on the tangent plane at q and the intensity is carried there by the gradient.
-inline float photometricResidual(const float* moved, float rg, const float* q, const float* n,
-                                 const float* g, float targetIntensity, float sourceIntensity) {
-    const float x[3] = {moved[0] - rg * n[0], moved[1] - rg * n[1], moved[2] - rg * n[2]};
-    const float dx[3] = {x[0] - q[0], x[1] - q[1], x[2] - q[2]};
-    return dot3(dx, g) + targetIntensity - sourceIntensity;
-}
-
 // Per matched source point: the two residuals and their four rows, kept between the passes.
 struct ColoredRows {
     float rg, rc;

@@ -159,3 +159,19 @@ TEST(MatchMultiVmapNmap, BadArgumentsWriteNothing) {
     EXPECT_EQ(call(holed.data(), K.data(), rts.data(), 160, 120, 4), KESTOR_STATUS_OK);
     EXPECT_EQ(rts, start);
 }
+
+// Projective point to point: each point is pulled to the vertex of the pixel it rounds to, so the
+// truth is only reached from under half a pixel of motion; from further out it settles on a
+// whole-pixel offset. Copies of one frame make the truth an exact zero of the error.
+TEST(MatchMultiVmapNmap, PointModeReachesTheTruthFromSubPixelMotion) {
+    RenderedSequence c(4, 160, 120);
+    for (size_t k = 1; k < 4; ++k) {
+        c.vmaps[k] = c.vmaps[0];
+        c.truth[k] = kestor_test::Pose();
+    }
+    const std::vector<double> start = c.perturbedRts(0.1);
+    const std::vector<double> parallel = runVmapNmap(c, Mode::Point, start, true, 50);
+    expectRecovered(c, start, parallel, 1e-5, 1e-5);
+    const std::vector<double> serial = runVmapNmap(c, Mode::Point, start, false, 50);
+    for (size_t e = 0; e < serial.size(); ++e) EXPECT_NEAR(serial[e], parallel[e], 1e-7);
+}
