@@ -38,6 +38,23 @@ double sumOverCorrespondences(const FrameMaps& source, const std::vector<int>& c
     return sum;
 }
 
+// Associates pair (i, j) at the given poses, keeping each source pixel's target pixel (-1 for
+// none) in `correspondences` for the trial error, and hands every match to onMatch(p', q, n).
+// Returns the match score.
+template <typename OnMatch>
+double associatePair(const std::vector<FrameMaps>& frames, std::vector<int>& correspondences,
+                     int i, int j, const RT_<double>& poseI, const RT_<double>& poseJ,
+                     const Intrinsics& k, const ProjectiveTest& test, OnMatch&& onMatch) {
+    const FrameMaps &target = frames[size_t(i)], &source = frames[size_t(j)];
+    correspondences.assign(size_t(source.vmap.width) * size_t(source.vmap.height), -1);
+    return associateProjective(
+        source.vmap, source.nmap, target.vmap, target.nmap, k, relativePose(poseI, poseJ), test,
+        [&](int s, int t, const Float3&, const float* p, const Float3& q, const Float3* n) {
+            correspondences[size_t(s)] = t;
+            onMatch(p, q, n);
+        });
+}
+
 }  // namespace
 
 bool alignVmaps(const std::vector<FrameMaps>& frames, const Intrinsics& k,
@@ -51,15 +68,11 @@ bool alignVmaps(const std::vector<FrameMaps>& frames, const Intrinsics& k,
     PairLinearize linearize = [&](int i, int j, const RT_<double>& poseI,
                                   const RT_<double>& poseJ, PairBlock& hII, PairBlock& hIJ,
                                   PairBlock& hJJ, PairVector& gI, PairVector& gJ) {
-        const FrameMaps &target = frames[size_t(i)], &source = frames[size_t(j)];
-        std::vector<int>& corr = matches[size_t(pairSlot(i, j))];
-        corr.assign(size_t(source.vmap.width) * size_t(source.vmap.height), -1);
         NormalEquations<12> sums;
         double error = 0.0;
-        const double score = associateProjective(
-            source.vmap, source.nmap, target.vmap, target.nmap, k, relativePose(poseI, poseJ),
-            test, [&](int s, int t, const Float3&, const float* p, const Float3& q, const Float3*) {
-                corr[size_t(s)] = t;
+        const double score = associatePair(
+            frames, matches[size_t(pairSlot(i, j))], i, j, poseI, poseJ, k, test,
+            [&](const float* p, const Float3& q, const Float3*) {
                 const float e[3] = {p[0] - q.x, p[1] - q.y, p[2] - q.z};
                 // Target rows, then source rows, both in the target frame.
                 const float rows[3][12] = {
@@ -107,16 +120,11 @@ bool alignVmapNmaps(const std::vector<FrameMaps>& frames, const Intrinsics& k,
     PairLinearize linearize = [&](int i, int j, const RT_<double>& poseI,
                                   const RT_<double>& poseJ, PairBlock& hII, PairBlock& hIJ,
                                   PairBlock& hJJ, PairVector& gI, PairVector& gJ) {
-        const FrameMaps &target = frames[size_t(i)], &source = frames[size_t(j)];
-        std::vector<int>& corr = matches[size_t(pairSlot(i, j))];
-        corr.assign(size_t(source.vmap.width) * size_t(source.vmap.height), -1);
         NormalEquations<6> sums;
         double error = 0.0;
-        const double score = associateProjective(
-            source.vmap, source.nmap, target.vmap, target.nmap, k, relativePose(poseI, poseJ),
-            test,
-            [&](int s, int t, const Float3&, const float* p, const Float3& q, const Float3* n) {
-                corr[size_t(s)] = t;
+        const double score = associatePair(
+            frames, matches[size_t(pairSlot(i, j))], i, j, poseI, poseJ, k, test,
+            [&](const float* p, const Float3& q, const Float3* n) {
                 const float r = (p[0] - q.x) * n->x + (p[1] - q.y) * n->y + (p[2] - q.z) * n->z;
                 float row[6];
                 crossRow(p, &n->x, row);
