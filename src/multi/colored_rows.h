@@ -5,6 +5,8 @@
 
 #include "core/parallel_for.h"
 #include "multi/align_frames.h"
+#include "multi/multi_options.h"
+#include "multi/pair_pose.h"
 
 namespace kestor {
 
@@ -65,6 +67,49 @@ void collectAllPairs(const FramePair* pairs, const unsigned char* active, int co
         }
     });
     scales.update(slots, colorWeight);
+}
+
+// The run of a coloured mode: every pair's rows are collected whenever the set of pairs changes,
+// collect(i, j, T, rows) at relative pose T returning the pair's score; each pair is linearised
+// from its stored rows; and a trial is priced over the stored matches, residuals(i, j, T, match,
+// rg, rc) giving the geometric and photometric residual of one match at the trial pose.
+template <typename Collect, typename Residuals>
+bool alignColoredPairs(int count, std::vector<RT_<double>>& poses, const MultiOptions& options,
+                       const ProgressFunc& progress, Collect&& collect, Residuals&& residuals) {
+    std::vector<PairRows> storage(size_t(pairSlotCount(count)));
+    ColoredScales scales;
+
+    PairsChanged pairsChanged = [&](const FramePair* pairs, const unsigned char* active, int n) {
+        collectAllPairs(pairs, active, n, storage, options.minScore, options.colorWeight,
+                        options.parallel, scales, [&](int i, int j, PairRows& rows) {
+                            return collect(i, j, relativePose(poses[size_t(i)], poses[size_t(j)]),
+                                           rows);
+                        });
+    };
+
+    PairLinearize linearize = [&](int i, int j, const RT_<double>&, const RT_<double>&,
+                                  PairBlock& hII, PairBlock& hIJ, PairBlock& hJJ, PairVector& gI,
+                                  PairVector& gJ) {
+        return pairRowsHessian(storage[size_t(pairSlot(i, j))], scales, hII, hIJ, hJJ, gI, gJ);
+    };
+
+    PairEvaluate evaluate = [&](int i, int j, const RT_<double>& poseI, const RT_<double>& poseJ) {
+        const RT_<float> T = relativePose(poseI, poseJ);
+        const double wg2 = scales.weightGeometric * scales.weightGeometric;
+        const double wc2 = scales.weightPhotometric * scales.weightPhotometric;
+        double sum = 0.0;
+        for (const auto& match : storage[size_t(pairSlot(i, j))].matches) {
+            double rg = 0.0, rc = 0.0;
+            residuals(i, j, T, match, rg, rc);
+            const double dg = rg - scales.meanGeometric, dc = rc - scales.meanPhotometric;
+            sum += dg * dg * wg2 + dc * dc * wc2;
+        }
+        return sum;
+    };
+
+    return alignFrames(linearize, evaluate, poses.data(), count, options.iterations,
+                       options.refreshInterval, options.log, true, progress, pairsChanged,
+                       options.parallel);
 }
 
 }  // namespace kestor

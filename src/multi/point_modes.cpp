@@ -190,50 +190,25 @@ bool alignPointNormalsColored(const std::vector<PointFrame>& frames,
                               const ProgressFunc& progress) {
     const int count = int(frames.size());
     if (count < 2) return false;
-    std::vector<PairRows> storage(size_t(pairSlotCount(count)));
-    ColoredScales scales;
     const NearestTest test = nearestTest(options);
-
-    PairsChanged pairsChanged = [&](const FramePair* pairs, const unsigned char* active, int n) {
-        collectAllPairs(pairs, active, n, storage, options.minScore, options.colorWeight,
-                        options.parallel, scales, [&](int i, int j, PairRows& rows) {
-                            return collectPointRows(frames[size_t(i)], frames[size_t(j)],
-                                                    relativePose(poses[size_t(i)], poses[size_t(j)]),
-                                                    test, rows);
-                        });
-    };
-
-    PairLinearize linearize = [&](int i, int j, const RT_<double>&, const RT_<double>&,
-                                  PairBlock& hII, PairBlock& hIJ, PairBlock& hJJ, PairVector& gI,
-                                  PairVector& gJ) {
-        return pairRowsHessian(storage[size_t(pairSlot(i, j))], scales, hII, hIJ, hJJ, gI, gJ);
-    };
-
-    PairEvaluate evaluate = [&](int i, int j, const RT_<double>& poseI, const RT_<double>& poseJ) {
-        const PointFrame &target = frames[size_t(i)], &source = frames[size_t(j)];
-        const RT_<float> T = relativePose(poseI, poseJ);
-        const double wg2 = scales.weightGeometric * scales.weightGeometric;
-        const double wc2 = scales.weightPhotometric * scales.weightPhotometric;
-        double sum = 0.0;
-        for (const auto& m : storage[size_t(pairSlot(i, j))].matches) {
+    return alignColoredPairs(
+        count, poses, options, progress,
+        [&](int i, int j, const RT_<float>& T, PairRows& rows) {
+            return collectPointRows(frames[size_t(i)], frames[size_t(j)], T, test, rows);
+        },
+        [&](int i, int j, const RT_<float>& T, const std::pair<int32_t, int32_t>& m, double& rg,
+            double& rc) {
+            const PointFrame &target = frames[size_t(i)], &source = frames[size_t(j)];
             const float* q = target.points + 3 * size_t(m.second);
             const float* n = target.normals + 3 * size_t(m.second);
             float moved[3];
             transformPoint(T, source.points + 3 * size_t(m.first), moved);
-            const float rg = planeResidual(target, m.second, moved);
-            const float rc = photometricResidual(moved, rg, q, n,
-                                                 target.gradients + 3 * size_t(m.second),
-                                                 target.intensities[m.second],
-                                                 source.intensities[m.first]);
-            const double dg = rg - scales.meanGeometric, dc = rc - scales.meanPhotometric;
-            sum += dg * dg * wg2 + dc * dc * wc2;
-        }
-        return sum;
-    };
-
-    return alignFrames(linearize, evaluate, poses.data(), count, options.iterations,
-                       options.refreshInterval, options.log, true, progress, pairsChanged,
-                       options.parallel);
+            const float geometric = planeResidual(target, m.second, moved);
+            rg = geometric;
+            rc = photometricResidual(moved, geometric, q, n,
+                                     target.gradients + 3 * size_t(m.second),
+                                     target.intensities[m.second], source.intensities[m.first]);
+        });
 }
 
 }  // namespace kestor

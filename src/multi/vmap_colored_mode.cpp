@@ -31,10 +31,6 @@ double collectVmapRows(const FrameMaps& target, const FrameMaps& source, const I
         });
 }
 
-bool allPacked(const FrameMaps& f) {
-    return isPacked(f.vmap) && isPacked(f.nmap) && isPacked(f.gray);
-}
-
 }  // namespace
 
 bool alignVmapNmapsColored(const std::vector<FrameMaps>& frames, const Intrinsics& k,
@@ -42,49 +38,23 @@ bool alignVmapNmapsColored(const std::vector<FrameMaps>& frames, const Intrinsic
                            const ProgressFunc& progress) {
     const int count = int(frames.size());
     if (count < 2) return false;
-    std::vector<PairRows> storage(size_t(pairSlotCount(count)));
-    ColoredScales scales;
     const ProjectiveTest test{float(options.maxDistance * options.maxDistance),
                               float(std::cos(options.maxAngle)), true};
-
-    PairsChanged pairsChanged = [&](const FramePair* pairs, const unsigned char* active, int n) {
-        collectAllPairs(pairs, active, n, storage, options.minScore, options.colorWeight,
-                        options.parallel, scales, [&](int i, int j, PairRows& rows) {
-                            return collectVmapRows(frames[size_t(i)], frames[size_t(j)], k,
-                                                   relativePose(poses[size_t(i)], poses[size_t(j)]),
-                                                   test, rows);
-                        });
-    };
-
-    PairLinearize linearize = [&](int i, int j, const RT_<double>&, const RT_<double>&,
-                                  PairBlock& hII, PairBlock& hIJ, PairBlock& hJJ, PairVector& gI,
-                                  PairVector& gJ) {
-        return pairRowsHessian(storage[size_t(pairSlot(i, j))], scales, hII, hIJ, hJJ, gI, gJ);
-    };
-
-    PairEvaluate evaluate = [&](int i, int j, const RT_<double>& poseI, const RT_<double>& poseJ) {
-        const FrameMaps &target = frames[size_t(i)], &source = frames[size_t(j)];
-        if (!allPacked(target) || !allPacked(source)) return 0.0;
-        const RT_<float> T = relativePose(poseI, poseJ);
-        const double wg2 = scales.weightGeometric * scales.weightGeometric;
-        const double wc2 = scales.weightPhotometric * scales.weightPhotometric;
-        double sum = 0.0;
-        for (const auto& m : storage[size_t(pairSlot(i, j))].matches) {
-            const Float3& p = source.vmap.data[m.first];
-            const Float3 &q = target.vmap.data[m.second], &n = target.nmap.data[m.second];
+    return alignColoredPairs(
+        count, poses, options, progress,
+        [&](int i, int j, const RT_<float>& T, PairRows& rows) {
+            return collectVmapRows(frames[size_t(i)], frames[size_t(j)], k, T, test, rows);
+        },
+        [&](int i, int j, const RT_<float>& T, const std::pair<int32_t, int32_t>& m, double& rg,
+            double& rc) {
+            const FrameMaps &target = frames[size_t(i)], &source = frames[size_t(j)];
+            const Float3& p = atFlat(source.vmap, m.first);
+            const Float3 &q = atFlat(target.vmap, m.second), &n = atFlat(target.nmap, m.second);
             float pt[3];
             applyRT(T, &p.x, pt);
-            const double rg = (pt[0] - q.x) * n.x + (pt[1] - q.y) * n.y + (pt[2] - q.z) * n.z;
-            const double rc = target.gray.data[m.second] - source.gray.data[m.first];
-            const double dg = rg - scales.meanGeometric, dc = rc - scales.meanPhotometric;
-            sum += dg * dg * wg2 + dc * dc * wc2;
-        }
-        return sum;
-    };
-
-    return alignFrames(linearize, evaluate, poses.data(), count, options.iterations,
-                       options.refreshInterval, options.log, true, progress, pairsChanged,
-                       options.parallel);
+            rg = (pt[0] - q.x) * n.x + (pt[1] - q.y) * n.y + (pt[2] - q.z) * n.z;
+            rc = atFlat(target.gray, m.second) - atFlat(source.gray, m.first);
+        });
 }
 
 }  // namespace kestor
