@@ -4,7 +4,6 @@
 #include <vector>
 
 #include "kestor.h"
-#include "pair/match_vmap.h"
 #include "support/rgbd_maps.h"
 
 using namespace kestor;
@@ -163,32 +162,28 @@ TEST(PairEntries, PointPathRecoversOnlySubPixelMotion) {
     }
 }
 
-// Which worker runs is told by the pose it leaves: the same run through the worker gives it.
-TEST(PairEntries, TheSolverFollowsWhichArraysAreGiven) {
+// Which path runs is told by the pose it leaves: five iterations of the point and plane paths
+// end at different poses, and each odd set of arrays must give one of them exactly.
+TEST(PairEntries, ThePathFollowsWhichArraysAreGiven) {
     const Fixture s(Scene::texturedRoom(), kRoomBase, motion({1, 2, 0.5}, 2.3, {0.03, -0.02, 0.015}), 1);
-    const LevelMaps &a = s.maps1[0], &b = s.maps2[0];
-    const Intrinsics k = kestor_test::intrinsicsOf(s.camera);
-    const int sizes[2] = {s.w, s.h};
-    std::vector<double> plane = Pose().matrix(), point = Pose().matrix();
-    ASSERT_TRUE(matchVmapPlane(k, a.vertices(), a.normals(), b.vertices(), b.normals(),
-                               poseView(plane.data()), 5, 0.3, 1.57, 0.3, false, {}, false));
-    ASSERT_TRUE(matchVmapPoint(k, a.vertices(), b.vertices(), poseView(point.data()), 5, 0.3, 0.3,
-                               false, {}, false));
+    std::vector<double> plane = Pose().matrix(), point = plane, rt = plane, depth = plane;
+    ASSERT_EQ(s.run(VmapEntry, PlanePath, plane, false, 5), 0);
+    ASSERT_EQ(s.run(VmapEntry, PointPath, point, false, 5), 0);
     ASSERT_NE(plane, point);
     const auto matchPair = [&](const float* n1, const float* gray2) {
-        std::vector<double> rt = Pose().matrix();
+        std::vector<double> pose = Pose().matrix();
+        const int sizes[2] = {s.w, s.h};
         EXPECT_EQ(KESTORMatchPair(s.v1[0], n1, s.g1[0], s.v2[0], s.n2[0], gray2, sizes, s.K.data(),
-                                  rt.data(), nullptr, 5, 0.3, 1.57, 0.3, 0.5, false, false, nullptr,
-                                  nullptr), 0);
-        return rt;
+                                  pose.data(), nullptr, 5, 0.3, 1.57, 0.3, 0.5, false, false,
+                                  nullptr, nullptr), 0);
+        return pose;
     };
-    EXPECT_EQ(matchPair(s.n1[0], nullptr), plane);       // gray 2 missing: plane
-    EXPECT_EQ(matchPair(nullptr, s.g2[0]), point);       // normals 1 missing: point, no gradients
-    std::vector<double> rt = Pose().matrix();            // everything but gradY1: plane
+    EXPECT_EQ(matchPair(s.n1[0], nullptr), plane);  // gray 2 missing: plane
+    EXPECT_EQ(matchPair(nullptr, s.g2[0]), point);  // normals 1 missing: point, no gradients
     EXPECT_EQ(KESTORMatchPairVmapNmap(s.v1[0], s.n1[0], s.g1[0], s.gx1[0], nullptr, s.v2[0], s.n2[0],
                                       s.g2[0], s.w, s.h, s.K.data(), rt.data(), nullptr, 5, 0.3,
                                       1.57, 0.3, 0.5, false, false, nullptr, nullptr), 0);
-    EXPECT_EQ(rt, plane);
+    EXPECT_EQ(rt, plane);  // everything but gradY1: plane
     // Colour of frame 1 only: the depth-only path, masks ignored (all-off masks change nothing).
     const std::vector<uint8_t> off(size_t(s.w) * size_t(s.h), 0);
     rt = Pose().matrix();
@@ -196,9 +191,8 @@ TEST(PairEntries, TheSolverFollowsWhichArraysAreGiven) {
                                    s.frame2.depth.data(), nullptr, off.data(), s.w, s.h, s.K.data(),
                                    rt.data(), nullptr, 5, 0.3, 1.57, 0.3, 0.5, false, false,
                                    nullptr, nullptr), 0);
-    std::vector<double> depthOnly = Pose().matrix();
-    EXPECT_EQ(s.run(DepthEntry, PlanePath, depthOnly, false, 5), 0);
-    EXPECT_EQ(rt, depthOnly);
+    EXPECT_EQ(s.run(DepthEntry, PlanePath, depth, false, 5), 0);
+    EXPECT_EQ(rt, depth);
 }
 
 // Status 1 with the pose untouched when nothing pairs or the first progress call cancels; the

@@ -6,9 +6,9 @@
 
 #include "pair/solve_dense.h"
 
-// Random systems against Eigen, a zero leading entry that needs a row exchange, and singular
-// systems, which are not detected: they give non-finite entries.
-TEST(SolveDense, RandomPivotedAndSingularSystems) {
+// Random systems against Eigen and a zero leading entry that needs a row exchange. Singular
+// systems are not detected; the identity start of the point-set matchers shows what follows.
+TEST(SolveDense, RandomAndPivotedSystems) {
     std::mt19937 rng(7);
     std::uniform_real_distribution<double> uni(-1, 1);
     for (int n : {1, 2, 6, 12}) {
@@ -25,9 +25,4 @@ TEST(SolveDense, RandomPivotedAndSingularSystems) {
     double x[3];
     kestor::solveDense(A, b, x, 3);
     for (int i = 0; i < 3; ++i) EXPECT_NEAR(x[i], i + 1.0, 1e-12);
-    const double rankOne[4] = {1, 2, 2, 4}, zero[4] = {0, 0, 0, 0};
-    kestor::solveDense(rankOne, b, x, 2);
-    EXPECT_FALSE(std::isfinite(x[0]) && std::isfinite(x[1]));
-    kestor::solveDense(zero, b, x, 2);
-    EXPECT_FALSE(std::isfinite(x[1]));
 }
