@@ -238,54 +238,40 @@ TEST(PairEntries, StopRulesAndStatuses) {
     EXPECT_EQ(s.run(VmapEntry, PlanePath, rt, false, 1, nullptr, 0.3, 0.5, nullptr, &perCall), 0);
 }
 
+// Case b breaks the b-th checked argument of each export (null, or a size below 1).
 TEST(PairEntries, BadArgumentsReturnFourWithNothingWrittenAndNoProgress) {
     const Fixture s(Scene::texturedRoom(), kRoomBase, Pose());
-    const int w = s.w, h = s.h;
     const float *v = s.v1[0], *d = s.frame1.depth.data();
     const double* K = s.K.data();
     std::vector<double> rt(12, 7.0), info(36, 7.0);
     double *r = rt.data(), *i = info.data();
-    const int sizes[2] = {w, h}, zero[2] = {w, 0};
-    const int its[kLevels] = {5, 5, 5};
+    const int sizes[2] = {s.w, s.h}, zero[2] = {s.w, 0}, its[kLevels] = {5, 5, 5};
     const double dist[kLevels] = {0.1, 0.2, 0.3};
-    calls = 0;
-    const auto pair = [&](const float* v1, const float* v2, const int* sz, double* pose) {
-        return KESTORMatchPair(v1, nullptr, nullptr, v2, nullptr, nullptr, sz, K, pose, i, 5, 0.3,
-                               1.57, 0.3, 0.5, false, false, countCalls, nullptr);
-    };
-    const auto depth = [&](const float* d1, const float* d2, int ww, int hh, const double* k, double* pose) {
-        return KESTORMatchPairDepth(d1, nullptr, nullptr, d2, nullptr, nullptr, ww, hh, k, pose, i,
-                                    5, 0.3, 1.57, 0.3, 0.5, false, false, countCalls, nullptr);
-    };
-    const auto vmaps = [&](const float* v1, const float* v2, int ww, int hh, const double* k, double* pose) {
-        return KESTORMatchPairVmapNmap(v1, nullptr, nullptr, nullptr, nullptr, v2, nullptr, nullptr,
-                                       ww, hh, k, pose, i, 5, 0.3, 1.57, 0.3, 0.5, false, false,
-                                       countCalls, nullptr);
-    };
     const std::vector<const float*> holed = {s.v1[0], nullptr, s.v1[2]};
-    const auto* v1 = s.v1.data();
-    const auto* n2 = s.n2.data();
-    const auto pyramid = [&](const float* const* vv1, const float* const* nn2, const int* it,
-                             const double* di, int levels, int ww, const double* k, double* pose) {
-        return KESTORMatchPairVmapNmapPyramid(vv1, s.n1.data(), nullptr, nullptr, nullptr,
-                                              s.v2.data(), nn2, nullptr, ww, h, k, pose, i, it, di,
-                                              levels, 1.57, 0.3, 0.5, false, false, countCalls, nullptr);
-    };
-    const int statuses[] = {
-        pair(nullptr, v, sizes, r), pair(v, nullptr, sizes, r), pair(v, v, nullptr, r),
-        pair(v, v, zero, r), pair(v, v, sizes, nullptr),
-        depth(nullptr, d, w, h, K, r), depth(d, nullptr, w, h, K, r), depth(d, d, 0, h, K, r),
-        depth(d, d, w, 0, K, r), depth(d, d, w, h, nullptr, r), depth(d, d, w, h, K, nullptr),
-        vmaps(nullptr, v, w, h, K, r), vmaps(v, nullptr, w, h, K, r), vmaps(v, v, -1, h, K, r),
-        vmaps(v, v, w, 0, K, r), vmaps(v, v, w, h, nullptr, r), vmaps(v, v, w, h, K, nullptr),
-        pyramid(nullptr, n2, its, dist, kLevels, w, K, r), pyramid(v1, n2, nullptr, dist, kLevels, w, K, r),
-        pyramid(v1, n2, its, nullptr, kLevels, w, K, r), pyramid(v1, n2, its, dist, 0, w, K, r),
-        pyramid(v1, n2, its, dist, kLevels, 0, K, r), pyramid(v1, n2, its, dist, kLevels, w, nullptr, r),
-        pyramid(v1, n2, its, dist, kLevels, w, K, nullptr),
-        // A missing level, a coarsest level without pixels, the score without source normals.
-        pyramid(holed.data(), n2, its, dist, kLevels, w, K, r),
-        pyramid(v1, n2, its, dist, kLevels, 3, K, r), pyramid(v1, nullptr, its, dist, kLevels, w, K, r)};
-    for (int st : statuses) EXPECT_EQ(st, KESTOR_STATUS_BAD_ARGUMENT);
+    const auto cut = [](int b, int k, auto x) { return b == k ? decltype(x){} : x; };
+    calls = 0;
+    for (int b = 0; b < 5; ++b)
+        EXPECT_EQ(KESTORMatchPair(cut(b, 0, v), nullptr, nullptr, cut(b, 1, v), nullptr, nullptr,
+                                  b == 3 ? zero : cut(b, 2, sizes), K, cut(b, 4, r), i, 5, 0.3, 1.57,
+                                  0.3, 0.5, false, false, countCalls, nullptr), 4) << b;
+    for (int b = 0; b < 6; ++b) {
+        EXPECT_EQ(KESTORMatchPairDepth(cut(b, 0, d), nullptr, nullptr, cut(b, 1, d), nullptr, nullptr,
+                                       cut(b, 2, s.w), cut(b, 3, s.h), cut(b, 4, K), cut(b, 5, r),
+                                       i, 5, 0.3, 1.57, 0.3, 0.5, false, false, countCalls, nullptr), 4) << b;
+        EXPECT_EQ(KESTORMatchPairVmapNmap(cut(b, 0, v), nullptr, nullptr, nullptr, nullptr,
+                                          cut(b, 1, v), nullptr, nullptr, b == 2 ? -1 : s.w,
+                                          cut(b, 3, s.h), cut(b, 4, K), cut(b, 5, r), i, 5, 0.3,
+                                          1.57, 0.3, 0.5, false, false, countCalls, nullptr), 4) << b;
+    }
+    // Beyond the null and size checks: a missing level, a coarsest level without pixels (width
+    // 3) and the final score without source normals.
+    for (int b = 0; b < 10; ++b)
+        EXPECT_EQ(KESTORMatchPairVmapNmapPyramid(
+                      b == 7 ? holed.data() : cut(b, 0, s.v1.data()), s.n1.data(), nullptr,
+                      nullptr, nullptr, s.v2.data(), cut(b, 9, s.n2.data()), nullptr,
+                      b == 8 ? 3 : cut(b, 4, s.w), s.h, cut(b, 5, K), cut(b, 6, r), i,
+                      cut(b, 1, its), cut(b, 2, dist), cut(b, 3, kLevels), 1.57, 0.3, 0.5, false,
+                      false, countCalls, nullptr), 4) << b;
     EXPECT_EQ(calls, 0);
     EXPECT_EQ(rt, std::vector<double>(12, 7.0));
     EXPECT_EQ(info, std::vector<double>(36, 7.0));
