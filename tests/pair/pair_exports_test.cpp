@@ -101,9 +101,9 @@ void countCalls(int, bool*, void* user) {
 }  // namespace
 
 // Motions of 0 to 5 degrees and 5 cm in the textured room, through every entry, on the plane and
-// coloured paths, serial and parallel. At 160x120 a pixel is about 2 cm on the far wall: the
-// plane path lands within a millimetre or two; the coloured one, whose texture is smooth, within
-// several.
+// coloured paths, in parallel, and serially too for the largest motion. At 160x120 a pixel is
+// about 2 cm on the far wall: the plane path lands within a millimetre or two; the coloured one,
+// whose texture is smooth, within several.
 TEST(PairEntries, RecoverKnownMotionsOnEveryEntryAndPath) {
     const Scene room = Scene::texturedRoom();
     const Pose motions[] = {motion({0, 1, 0}, 0.0, {0, 0, 0}),
@@ -113,8 +113,9 @@ TEST(PairEntries, RecoverKnownMotionsOnEveryEntryAndPath) {
         const Fixture f(room, kRoomBase, m);
         for (Entry e : {MapsEntry, DepthEntry, VmapEntry, PyramidEntry}) {
             for (Path p : {PlanePath, ColoredPath}) {
-                std::vector<double> serial;
-                for (bool parallel : {false, true}) {
+                std::vector<double> first;  // the parallel result, which the serial one must match
+                for (bool parallel : {true, false}) {
+                    if (!parallel && &m != &motions[2]) continue;  // serial on the largest only
                     SCOPED_TRACE(testing::Message() << "motion " << kestor_test::rotationError(m, Pose()) * 180 / M_PI
                                                     << " deg, entry " << e << ", path " << p
                                                     << ", parallel " << parallel);
@@ -123,8 +124,8 @@ TEST(PairEntries, RecoverKnownMotionsOnEveryEntryAndPath) {
                     EXPECT_LT(f.rotationDeg(rt), p == PlanePath ? 0.05 : 0.1);
                     EXPECT_LT(f.translationMm(rt), p == PlanePath ? 1.5 : 8.0);
                     EXPECT_GT(info[21], 1000.0);  // the translation block counts the matches
-                    for (size_t i = 0; i < serial.size(); ++i) EXPECT_NEAR(rt[i], serial[i], 1e-4);
-                    serial = rt;
+                    for (size_t i = 0; i < first.size(); ++i) EXPECT_NEAR(rt[i], first[i], 1e-4);
+                    first = rt;
                 }
             }
         }
