@@ -3,7 +3,6 @@
 #include <cmath>
 #include <vector>
 
-#include "pair/photometric_term.h"
 #include "pair/projective_association.h"
 
 using namespace kestor;
@@ -115,22 +114,4 @@ TEST(ProjectiveAssociation, ColoredResidualTakesTheImageToTheExactProjection) {
     EXPECT_NEAR(pairs.residualC[0], 0.1f + 0.06f - 0.04f - 0.05f, 1e-6);
     EXPECT_NEAR(pairs.residualG[0], -(1.0f - 1.0f), 1e-6);
     EXPECT_EQ(stats.count, 1);
-}
-
-TEST(PhotometricTerm, ColorWeightIsClampedAndSharesTheScale) {
-    ResidualStats stats{};
-    stats.count = 4;
-    stats.sumG = 0.0;
-    stats.sumSquaresG = 4.0;  // deviation 1
-    stats.sumC = 2.0;
-    stats.sumSquaresC = 2.0;  // mean 0.5, deviation 0.5
-    PhotometricScale s = photometricScale(stats, colorBalance(0.75));
-    EXPECT_NEAR(s.meanC, 0.5f, 1e-7);
-    EXPECT_NEAR(s.weightG, 0.5f / (1.0f + 1e-6f), 1e-6);
-    EXPECT_NEAR(s.weightC, std::sqrt(0.75f) / 0.5f, 1e-5);
-    EXPECT_EQ(photometricScale(stats, colorBalance(5.0)).weightG, 0.0f);
-    EXPECT_EQ(photometricScale(stats, colorBalance(-1.0)).weightC, 0.0f);
-    // All photometric residuals equal: the deviation is only the 1e-6.
-    stats.sumSquaresC = 1.0;
-    EXPECT_NEAR(photometricScale(stats, colorBalance(1.0)).weightC, 1e6f, 1.0f);
 }
