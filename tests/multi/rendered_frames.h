@@ -1,30 +1,54 @@
 #pragma once
-// A short rendered sequence in the textured room with its maps, true poses relative to frame 0,
-// and perturbed starting poses: the ground truth of the joint-alignment tests.
+// Short rendered sequences in the textured room with their maps, true poses relative to frame 0
+// and perturbed starting poses: the ground truth of the joint-alignment tests, plus the calls and
+// checks the test files share.
 #include <vector>
 
+#include "kestor.h"
 #include "support/synthetic_scene.h"
 
 namespace kestor_test {
 
+enum class Mode { Point, Plane, Colored };
+
 struct RenderedSequence {
     Camera camera;
-    std::vector<Pose> truth;       // frame k into frame 0
+    std::vector<Pose> truth;  // frame k into frame 0
     std::vector<Frame> frames;
     std::vector<std::vector<float>> vmaps, nmaps, grays, gradXs, gradYs;
 
-    // count frames on a small arc; the camera moves by about 3 cm and 1.5 degrees a frame.
+    // count frames on a small arc; the camera moves by about 3 cm and 1.5 degrees a frame
+    // (times motion).
     RenderedSequence(int count, int width, int height, double motion = 1.0);
 
-    std::vector<double> truthRts() const;
-    // Every frame but 0 moved off its truth by a few degrees and centimetres.
+    // Every frame but 0 moved off its truth by a few degrees and centimetres (times scale).
     std::vector<double> perturbedRts(double scale = 1.0) const;
-
-    std::vector<const float*> pointers(const std::vector<std::vector<float>>& maps) const;
+    std::vector<const float*> depths() const;
+    std::vector<const unsigned char*> colors() const;
 };
 
-// Largest rotation (radians) and translation error of rts against the truth.
-void poseErrors(const RenderedSequence& s, const std::vector<double>& rts, double& rotation,
-                double& translation);
+std::vector<const float*> pointers(const std::vector<std::vector<float>>& maps);
+
+// 80x60 sequences, rendered once per test binary.
+const RenderedSequence& rendered(int count, double motion = 1.0);
+
+// KESTORMatchMultiVmapNmap on the sequence's maps in the given mode; expects status 0.
+std::vector<double> runVmapNmap(const RenderedSequence& s, Mode mode, std::vector<double> rts,
+                                bool parallel, int iterations = 30,
+                                KESTORProgressFunc progress = nullptr, void* user = nullptr);
+
+// Frame 0 bit for bit as it started, every frame within the bounds of the truth.
+void expectRecovered(const RenderedSequence& s, const std::vector<double>& start,
+                     const std::vector<double>& out, double maxRotation, double maxTranslation);
+// Mean rotation and translation error over all frames.
+void meanErrors(const RenderedSequence& s, const std::vector<double>& rts, double& r, double& t);
+void expectNear(const std::vector<double>& a, const std::vector<double>& b, double tolerance);
+
+// Records the percentages; sets cancel on the cancelAt-th call.
+struct Recorder {
+    std::vector<int> percents;
+    int cancelAt = -1;
+};
+void record(int percent, bool* cancel, void* user);
 
 }  // namespace kestor_test
