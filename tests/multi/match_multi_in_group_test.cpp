@@ -11,6 +11,17 @@ using namespace kestor_test;
 
 namespace {
 
+// Records the percentages; sets cancel on the cancelAt-th call.
+struct Recorder {
+    std::vector<int> percents;
+    int cancelAt = -1;
+};
+void record(int percent, bool* cancel, void* user) {
+    Recorder* r = static_cast<Recorder*>(user);
+    r->percents.push_back(percent);
+    *cancel = int(r->percents.size()) == r->cancelAt;
+}
+
 std::vector<double> runVmapGroups(const RenderedSequence& s, const std::vector<int>& ids,
                                   std::vector<double> rts, bool colored,
                                   Recorder* recorder = nullptr) {
@@ -24,15 +35,6 @@ std::vector<double> runVmapGroups(const RenderedSequence& s, const std::vector<i
                   recorder ? record : nullptr, recorder),
               KESTOR_STATUS_OK);
     return rts;
-}
-
-void expectCloser(const RenderedSequence& s, const std::vector<double>& start,
-                  const std::vector<double>& out) {
-    double r0, t0, r, t;
-    meanErrors(s, start, r0, t0);
-    meanErrors(s, out, r, t);
-    EXPECT_LT(r, 0.5 * r0);
-    EXPECT_LT(t, 0.5 * t0);
 }
 
 const std::vector<int> twoGroups = {0, 0, 0, 0, 1, 1, 1, 1};
@@ -49,9 +51,9 @@ TEST(MatchMultiInGroup, TwoStagesBringTwentyFramesInFourGroupsCloserToTheTruth) 
         SCOPED_TRACE(colored);
         Recorder progress;
         const std::vector<double> out = runVmapGroups(s, ids, start, colored, &progress);
-        expectCloser(s, start, out);
-        // Frame 0 leads the lowest id and keeps its pose in both stages.
-        EXPECT_TRUE(std::equal(start.begin(), start.begin() + 12, out.begin()));
+        // Frame 0 leads the lowest id and keeps its pose in both stages; the rest start up to
+        // 0.035 rad and 5 cm off.
+        expectRecovered(s, start, out, 0.003, 0.008);
         // Groups fill 0..80 in turn, the cloud stage 80..100, and 100 ends the call.
         ASSERT_FALSE(progress.percents.empty());
         EXPECT_EQ(progress.percents.front(), 0);
@@ -76,13 +78,13 @@ TEST(MatchMultiInGroup, DepthFormAlignsTheGroupsSerialAndParallelAgree) {
                                                    twoGroups.data(), 8, 20, 0.2, 0.5, 0.2, 0.3,
                                                    parallel, false, nullptr, nullptr),
                       KESTOR_STATUS_OK);
-        expectCloser(s, start, out[1]);
+        expectRecovered(s, start, out[1], 0.003, 0.005);
         // With colour, gray gradients made in strips differ at the borders with the thread count.
         expectNear(out[0], out[1], withColor ? 2e-4 : 1e-6);
     }
 }
 
-TEST(MatchMultiInGroup, NegativeIdsLeaveTheirFramesAndAllNegativeChangesNothing) {
+TEST(MatchMultiInGroup, NegativeIdsLeaveTheirFramesAllNegativeOrCancelChangeNothing) {
     const RenderedSequence& s = rendered(8);
     const std::vector<double> start = s.perturbedRts();
     Recorder none;
@@ -94,11 +96,8 @@ TEST(MatchMultiInGroup, NegativeIdsLeaveTheirFramesAndAllNegativeChangesNothing)
         EXPECT_TRUE(std::equal(start.begin() + 12 * f, start.begin() + 12 * f + 12,
                                out.begin() + 12 * f));
     EXPECT_NE(out, start);
-}
 
-TEST(MatchMultiInGroup, CancelInTheFirstGroupKeepsEveryPose) {
-    const RenderedSequence& s = rendered(8);
-    const std::vector<double> start = s.perturbedRts();
+    // Cancelled in the first group: every pose as it was.
     Recorder cancelled;
     cancelled.cancelAt = 2;
     EXPECT_EQ(runVmapGroups(s, twoGroups, start, false, &cancelled), start);

@@ -1,7 +1,6 @@
 // Joint alignment of rendered frames through KESTORMatchMultiVmapNmap, KESTORMatchMultiDepth and
 // KESTORMatchMulti (maps with a camera, point sets without): every mode back to the truth with
-// frame 0 untouched and serial equal to parallel, a frame that overlaps nothing, the fall-backs,
-// progress and cancel.
+// frame 0 untouched and serial equal to parallel, a frame that overlaps nothing, the fall-backs.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -14,29 +13,21 @@ using namespace kestor_test;
 
 namespace {
 
-// Every second pixel of every second row with a valid vertex and normal, with its gray value.
+// Every second pixel with a valid vertex and normal, with its gray value.
 struct PointSets {
     std::vector<std::vector<float>> points, normals, intensities;
     std::vector<int> sizes;
 
-    explicit PointSets(const RenderedSequence& s) {
-        const int w = s.camera.width, h = s.camera.height;
+    explicit PointSets(const RenderedSequence& s) : points(s.vmaps.size()), normals(points), intensities(points) {
         for (size_t f = 0; f < s.vmaps.size(); ++f) {
-            std::vector<float> p, n, g;
-            for (int y = 0; y < h; y += 2)
-                for (int x = 0; x < w; x += 2) {
-                    const size_t e = size_t(y * w + x);
-                    const float* v = &s.vmaps[f][3 * e];
-                    const float* m = &s.nmaps[f][3 * e];
-                    if (!(v[2] > 0) || (m[0] == 0 && m[1] == 0 && m[2] == 0)) continue;
-                    p.insert(p.end(), v, v + 3);
-                    n.insert(n.end(), m, m + 3);
-                    g.push_back(s.grays[f][e]);
-                }
-            sizes.push_back(int(g.size()));
-            points.push_back(std::move(p));
-            normals.push_back(std::move(n));
-            intensities.push_back(std::move(g));
+            for (size_t e = 0; e < s.grays[f].size(); e += 2) {
+                const float *v = &s.vmaps[f][3 * e], *m = &s.nmaps[f][3 * e];
+                if (!(v[2] > 0) || (m[0] == 0 && m[1] == 0 && m[2] == 0)) continue;
+                points[f].insert(points[f].end(), v, v + 3);
+                normals[f].insert(normals[f].end(), m, m + 3);
+                intensities[f].push_back(s.grays[f][e]);
+            }
+            sizes.push_back(int(intensities[f].size()));
         }
     }
 };
@@ -161,19 +152,4 @@ TEST(MatchMulti, IncompleteColourFallsBackToThePlainMode) {
                                nullptr),
               KESTOR_STATUS_OK);
     EXPECT_EQ(rts, runPoints(sets, Mode::Point, start, false, 3));
-}
-
-TEST(MatchMulti, ProgressRunsFromZeroToHundredAndCancelKeepsTheStart) {
-    const RenderedSequence& s = rendered(4);
-    const std::vector<double> start = s.perturbedRts();
-    Recorder full;
-    runVmapNmap(s, Mode::Plane, start, true, 5, record, &full);
-    ASSERT_GE(full.percents.size(), 3u);
-    EXPECT_EQ(full.percents.front(), 0);
-    EXPECT_EQ(full.percents.back(), 100);
-    EXPECT_TRUE(std::is_sorted(full.percents.begin(), full.percents.end()));
-    Recorder cancelled;
-    cancelled.cancelAt = 1;
-    EXPECT_EQ(runVmapNmap(s, Mode::Plane, start, true, 5, record, &cancelled), start);
-    EXPECT_EQ(cancelled.percents, std::vector<int>({0}));
 }

@@ -12,18 +12,18 @@ using namespace kestor_test;
 
 namespace {
 
+// ints: the group ids, or the point counts of KESTORMatchMulti.
 struct Args {
     const float* const* maps;
     const double* K;
     double* rts;
-    const int* ids;
-    const int* sizes;
+    const int* ints;
     int width, height, count;
 };
 
 struct Export {
     const char* name;
-    std::string checked;  // m maps, K camera, r poses, i ids, s sizes, w width, h height, n count
+    std::string checked;  // m maps, K camera, r poses, i ids or sizes, w width, h height, n count
     std::vector<const float*> maps;
     std::function<int(const Args&)> call;
     std::string missingLog;  // what the run logs for a frame without its data
@@ -34,10 +34,10 @@ struct Export {
 TEST(MultiExports, BadArgumentsWriteNothingAndAPassedCheckReturnsZero) {
     const RenderedSequence& s = rendered(3);
     const std::vector<double> K = s.camera.matrix();
-    const std::vector<int> ids = {0, 0, 0}, sizes = {4800, 4800, 4800};
+    const std::vector<int> ints = {4800, 4800, 4800};  // one group, or every pixel a point
     const std::vector<Export> exports = {
-        {"MatchMulti", "msrn", pointers(s.vmaps), [](const Args& a) {
-             return KESTORMatchMulti(a.maps, nullptr, nullptr, a.sizes, nullptr, a.rts, a.count, 5,
+        {"MatchMulti", "mirn", pointers(s.vmaps), [](const Args& a) {
+             return KESTORMatchMulti(a.maps, nullptr, nullptr, a.ints, nullptr, a.rts, a.count, 5,
                                      0.1, 0.5, 0.2, 0.0, 0, true, false, nullptr, nullptr);
          }, ""},
         {"MatchMultiVmapNmap", "mKrwhn", pointers(s.vmaps), [](const Args& a) {
@@ -53,12 +53,12 @@ TEST(MultiExports, BadArgumentsWriteNothingAndAPassedCheckReturnsZero) {
         // The in-group forms read K without a test.
         {"MatchMultiDepthInGroup", "mriwhn", s.depths(), [](const Args& a) {
              return KESTORMatchMultiDepthInGroup(a.maps, nullptr, nullptr, a.width, a.height, a.K,
-                                                 a.rts, a.ids, a.count, 5, 0.1, 0.5, 0.2, 0.0,
+                                                 a.rts, a.ints, a.count, 5, 0.1, 0.5, 0.2, 0.0,
                                                  true, false, nullptr, nullptr);
          }, ""},
         {"MatchMultiVmapNmapInGroup", "mriwhn", pointers(s.vmaps), [](const Args& a) {
              return KESTORMatchMultiVmapNmapInGroup(a.maps, nullptr, nullptr, nullptr, nullptr,
-                                                    a.width, a.height, a.K, a.rts, a.ids, a.count,
+                                                    a.width, a.height, a.K, a.rts, a.ints, a.count,
                                                     5, 0.1, 0.5, 0.2, 0.0, true, false, nullptr,
                                                     nullptr);
          }, ""},
@@ -68,12 +68,12 @@ TEST(MultiExports, BadArgumentsWriteNothingAndAPassedCheckReturnsZero) {
         for (char broken : e.checked) {
             SCOPED_TRACE(std::string(e.name) + " without " + broken);
             std::vector<double> rts = sentinel;
-            Args a{e.maps.data(), K.data(), rts.data(), ids.data(), sizes.data(), 80, 60, 3};
+            Args a{e.maps.data(), K.data(), rts.data(), ints.data(), 80, 60, 3};
             if (broken == 'm') a.maps = nullptr;
             if (broken == 'K') a.K = nullptr;
             if (broken == 'r') a.rts = nullptr;
-            if (broken == 'i') a.ids = nullptr;
-            if (broken == 's') a.sizes = nullptr;
+            if (broken == 'i') a.ints = nullptr;
+            if (broken == 's') a.ints = nullptr;
             if (broken == 'w') a.width = 0;
             if (broken == 'h') a.height = -1;
             if (broken == 'n') a.count = 1;
@@ -85,7 +85,7 @@ TEST(MultiExports, BadArgumentsWriteNothingAndAPassedCheckReturnsZero) {
         holed[1] = nullptr;
         std::vector<double> rts = start;
         testing::internal::CaptureStdout();
-        EXPECT_EQ(e.call({holed.data(), K.data(), rts.data(), ids.data(), sizes.data(), 80, 60, 3}),
+        EXPECT_EQ(e.call({holed.data(), K.data(), rts.data(), ints.data(), 80, 60, 3}),
                   KESTOR_STATUS_OK);
         EXPECT_EQ(testing::internal::GetCapturedStdout(), e.missingLog);
         EXPECT_EQ(rts, start);

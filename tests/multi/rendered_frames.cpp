@@ -13,34 +13,30 @@
 namespace kestor_test {
 
 RenderedSequence::RenderedSequence(int count, int width, int height, double motion) {
+    using namespace kestor;
     camera = Camera().scaled(width, height);
     // A wide view, so that floor, ceiling and side walls all constrain the poses.
     camera.fx *= 0.6;
     camera.fy *= 0.6;
     const Scene scene = Scene::texturedRoom();
     const Pose start = Pose::fromAxisAngle({0.2, 1, 0}, 0.05, {0.1, -0.1, 0.2});
-    const kestor::Intrinsics k{float(camera.fx), float(camera.fy), float(camera.cx), float(camera.cy)};
+    const Intrinsics k{float(camera.fx), float(camera.fy), float(camera.cx), float(camera.cy)};
     const size_t pixels = size_t(width * height);
     for (int f = 0; f < count; ++f) {
         const Pose world = Pose::fromAxisAngle({0.3, 1, 0.1}, -0.025 * f * motion,
                                                motion * Eigen::Vector3d(0.03 * f, 0.01 * f, 0.02 * f)) * start;
         frames.push_back(scene.render(camera, world));
         truth.push_back(f == 0 ? Pose() : start.inverse() * world);
-        std::vector<float> v(3 * pixels), n(3 * pixels), g(pixels), gx(pixels), gy(pixels);
-        auto vview = kestor::packedView(reinterpret_cast<kestor::Float3*>(v.data()), width, height);
-        kestor::depthToVmap(k, kestor::packedView<const float>(frames.back().depth.data(), width, height),
-                            kestor::ImageView<const uint8_t>{}, vview);
-        kestor::vmapToNmap(kestor::constView(vview),
-                           kestor::packedView(reinterpret_cast<kestor::Float3*>(n.data()), width, height));
-        kestor::calcGrayAndGradient(
-            kestor::packedView(reinterpret_cast<const kestor::Byte3*>(frames.back().color.data()), width, height),
-            kestor::packedView(g.data(), width, height), kestor::packedView(gx.data(), width, height),
-            kestor::packedView(gy.data(), width, height), 1.0, false, false);
-        vmaps.push_back(std::move(v));
-        nmaps.push_back(std::move(n));
-        grays.push_back(std::move(g));
-        gradXs.push_back(std::move(gx));
-        gradYs.push_back(std::move(gy));
+        for (auto* maps : {&vmaps, &nmaps, &grays, &gradXs, &gradYs})
+            maps->emplace_back(maps == &vmaps || maps == &nmaps ? 3 * pixels : pixels);
+        auto view = [&](std::vector<std::vector<float>>& maps) { return packedView(maps.back().data(), width, height); };
+        auto view3 = [&](std::vector<std::vector<float>>& maps) {
+            return packedView(reinterpret_cast<Float3*>(maps.back().data()), width, height);
+        };
+        depthToVmap(k, packedView<const float>(frames.back().depth.data(), width, height), {}, view3(vmaps));
+        vmapToNmap(constView(view3(vmaps)), view3(nmaps));
+        calcGrayAndGradient(packedView(reinterpret_cast<const Byte3*>(frames.back().color.data()), width, height),
+                            view(grays), view(gradXs), view(gradYs), 1.0, false, false);
     }
 }
 
@@ -85,8 +81,7 @@ const RenderedSequence& rendered(int count, double motion) {
 }
 
 std::vector<double> runVmapNmap(const RenderedSequence& s, Mode mode, std::vector<double> rts,
-                                bool parallel, int iterations, KESTORProgressFunc progress,
-                                void* user) {
+                                bool parallel, int iterations) {
     auto v = pointers(s.vmaps), n = pointers(s.nmaps), g = pointers(s.grays),
          gx = pointers(s.gradXs), gy = pointers(s.gradYs);
     const std::vector<double> K = s.camera.matrix();
@@ -96,7 +91,7 @@ std::vector<double> runVmapNmap(const RenderedSequence& s, Mode mode, std::vecto
                                        colored ? gy.data() : nullptr, s.camera.width,
                                        s.camera.height, K.data(), rts.data(), int(s.truth.size()),
                                        iterations, 0.2, 0.5, 0.2, 0.3, 0, parallel, false,
-                                       progress, user),
+                                       nullptr, nullptr),
               KESTOR_STATUS_OK);
     return rts;
 }
@@ -111,24 +106,9 @@ void expectRecovered(const RenderedSequence& s, const std::vector<double>& start
     }
 }
 
-void meanErrors(const RenderedSequence& s, const std::vector<double>& rts, double& r, double& t) {
-    r = t = 0;
-    for (size_t k = 0; k < s.truth.size(); ++k) {
-        const Pose p = Pose::fromMatrix(&rts[12 * k]);
-        r += rotationError(p, s.truth[k]) / double(s.truth.size());
-        t += translationError(p, s.truth[k]) / double(s.truth.size());
-    }
-}
-
 void expectNear(const std::vector<double>& a, const std::vector<double>& b, double tolerance) {
     ASSERT_EQ(a.size(), b.size());
     for (size_t e = 0; e < a.size(); ++e) EXPECT_NEAR(a[e], b[e], tolerance) << "element " << e;
-}
-
-void record(int percent, bool* cancel, void* user) {
-    Recorder* r = static_cast<Recorder*>(user);
-    r->percents.push_back(percent);
-    if (int(r->percents.size()) == r->cancelAt) *cancel = true;
 }
 
 }  // namespace kestor_test

@@ -34,21 +34,11 @@ const RenderedSequence& rendered(int count, double motion = 1.0);
 
 // KESTORMatchMultiVmapNmap on the sequence's maps in the given mode; expects status 0.
 std::vector<double> runVmapNmap(const RenderedSequence& s, Mode mode, std::vector<double> rts,
-                                bool parallel, int iterations = 30,
-                                KESTORProgressFunc progress = nullptr, void* user = nullptr);
+                                bool parallel, int iterations = 30);
 
 // Frame 0 bit for bit as it started, every frame within the bounds of the truth.
 void expectRecovered(const RenderedSequence& s, const std::vector<double>& start,
                      const std::vector<double>& out, double maxRotation, double maxTranslation);
-// Mean rotation and translation error over all frames.
-void meanErrors(const RenderedSequence& s, const std::vector<double>& rts, double& r, double& t);
 void expectNear(const std::vector<double>& a, const std::vector<double>& b, double tolerance);
-
-// Records the percentages; sets cancel on the cancelAt-th call.
-struct Recorder {
-    std::vector<int> percents;
-    int cancelAt = -1;
-};
-void record(int percent, bool* cancel, void* user);
 
 }  // namespace kestor_test
