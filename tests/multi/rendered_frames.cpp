@@ -55,24 +55,6 @@ std::vector<double> RenderedSequence::perturbedRts(double scale) const {
     return rts;
 }
 
-std::vector<const float*> pointers(const std::vector<std::vector<float>>& maps) {
-    std::vector<const float*> out;
-    for (const auto& m : maps) out.push_back(m.data());
-    return out;
-}
-
-std::vector<const float*> RenderedSequence::depths() const {
-    std::vector<const float*> out;
-    for (const Frame& f : frames) out.push_back(f.depth.data());
-    return out;
-}
-
-std::vector<const unsigned char*> RenderedSequence::colors() const {
-    std::vector<const unsigned char*> out;
-    for (const Frame& f : frames) out.push_back(f.color.data());
-    return out;
-}
-
 const RenderedSequence& rendered(int count, double motion) {
     static std::map<std::pair<int, double>, std::unique_ptr<RenderedSequence>> cache;
     auto& entry = cache[{count, motion}];
@@ -80,18 +62,15 @@ const RenderedSequence& rendered(int count, double motion) {
     return *entry;
 }
 
-std::vector<double> runVmapNmap(const RenderedSequence& s, Mode mode, std::vector<double> rts,
+std::vector<double> runVmapNmap(const RenderedSequence& s, unsigned mode, std::vector<double> rts,
                                 bool parallel, int iterations) {
     auto v = pointers(s.vmaps), n = pointers(s.nmaps), g = pointers(s.grays),
          gx = pointers(s.gradXs), gy = pointers(s.gradYs);
     const std::vector<double> K = s.camera.matrix();
-    const bool colored = mode == Mode::Colored;
-    EXPECT_EQ(KESTORMatchMultiVmapNmap(v.data(), mode == Mode::Point ? nullptr : n.data(),
-                                       colored ? g.data() : nullptr, colored ? gx.data() : nullptr,
-                                       colored ? gy.data() : nullptr, s.camera.width,
-                                       s.camera.height, K.data(), rts.data(), int(s.truth.size()),
-                                       iterations, 0.2, 0.5, 0.2, 0.3, 0, parallel, false,
-                                       nullptr, nullptr),
+    EXPECT_EQ(KESTORMatchMultiVmapNmap(v.data(), mode & Normals ? n.data() : nullptr, mode & Gray ? g.data() : nullptr,
+                                       mode & GradX ? gx.data() : nullptr, mode & GradY ? gy.data() : nullptr, 80,
+                                       60, K.data(), rts.data(), int(s.truth.size()), iterations, 0.2, 0.5, 0.2,
+                                       0.3, 0, parallel, false, nullptr, nullptr),
               KESTOR_STATUS_OK);
     return rts;
 }

@@ -9,7 +9,22 @@
 
 namespace kestor_test {
 
-enum class Mode { Point, Plane, Colored };
+// The maps a run is given besides the vertices; Colored is all of them.
+enum Mode : unsigned { Point = 0, Normals = 1, Gray = 2, GradX = 4, GradY = 8, Plane = 1, Colored = 15 };
+
+// The data of each vector, or of one member of each element.
+template <typename T>
+std::vector<const T*> pointers(const std::vector<std::vector<T>>& all) {
+    std::vector<const T*> out;
+    for (const auto& v : all) out.push_back(v.data());
+    return out;
+}
+template <typename E, typename T>
+std::vector<const T*> pointers(const std::vector<E>& all, std::vector<T> E::*member) {
+    std::vector<const T*> out;
+    for (const auto& e : all) out.push_back((e.*member).data());
+    return out;
+}
 
 struct RenderedSequence {
     Camera camera;
@@ -23,17 +38,16 @@ struct RenderedSequence {
 
     // Every frame but 0 moved off its truth by a few degrees and centimetres (times scale).
     std::vector<double> perturbedRts(double scale = 1.0) const;
-    std::vector<const float*> depths() const;
-    std::vector<const unsigned char*> colors() const;
+    std::vector<const float*> depths() const { return pointers(frames, &Frame::depth); }
+    std::vector<const unsigned char*> colors() const { return pointers(frames, &Frame::color); }
 };
 
-std::vector<const float*> pointers(const std::vector<std::vector<float>>& maps);
 
 // 80x60 sequences, rendered once per test binary.
 const RenderedSequence& rendered(int count, double motion = 1.0);
 
 // KESTORMatchMultiVmapNmap on the sequence's maps in the given mode; expects status 0.
-std::vector<double> runVmapNmap(const RenderedSequence& s, Mode mode, std::vector<double> rts,
+std::vector<double> runVmapNmap(const RenderedSequence& s, unsigned mode, std::vector<double> rts,
                                 bool parallel, int iterations = 30);
 
 // Frame 0 bit for bit as it started, every frame within the bounds of the truth.
