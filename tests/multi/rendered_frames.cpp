@@ -1,82 +1,43 @@
 #include "multi/rendered_frames.h"
 
-#include <algorithm>
-#include <cmath>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <map>
+#include <memory>
 
 #include "core/image_view.h"
+#include "image/gray_gradient.h"
 #include "image/vertex_normal_maps.h"
 
 namespace kestor_test {
 
-namespace {
-
-// Gray as the library weighs the bytes, lightly smoothed, and its slope per pixel.
-void grayAndGradient(const Frame& f, std::vector<float>& gray, std::vector<float>& gx,
-                     std::vector<float>& gy) {
-    const int w = f.width, h = f.height;
-    std::vector<float> raw(size_t(w * h));
-    for (int i = 0; i < w * h; ++i) {
-        const uint8_t* c = &f.color[size_t(3 * i)];
-        raw[size_t(i)] = (c[0] * 0.299f + c[1] * 0.587f + c[2] * 0.114f) / 255.0f;
-    }
-    gray.assign(size_t(w * h), 0.0f);
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-            float sum = 0;
-            for (int dy = -1; dy <= 1; ++dy)
-                for (int dx = -1; dx <= 1; ++dx)
-                    sum += raw[size_t(std::clamp(y + dy, 0, h - 1) * w + std::clamp(x + dx, 0, w - 1))];
-            gray[size_t(y * w + x)] = sum / 9.0f;
-        }
-    gx.assign(size_t(w * h), 0.0f);
-    gy.assign(size_t(w * h), 0.0f);
-    for (int y = 1; y < h - 1; ++y)
-        for (int x = 1; x < w - 1; ++x) {
-            gx[size_t(y * w + x)] = 0.5f * (gray[size_t(y * w + x + 1)] - gray[size_t(y * w + x - 1)]);
-            gy[size_t(y * w + x)] = 0.5f * (gray[size_t((y + 1) * w + x)] - gray[size_t((y - 1) * w + x)]);
-        }
-}
-
-}  // namespace
-
 RenderedSequence::RenderedSequence(int count, int width, int height, double motion) {
+    using namespace kestor;
     camera = Camera().scaled(width, height);
     // A wide view, so that floor, ceiling and side walls all constrain the poses.
     camera.fx *= 0.6;
     camera.fy *= 0.6;
     const Scene scene = Scene::texturedRoom();
     const Pose start = Pose::fromAxisAngle({0.2, 1, 0}, 0.05, {0.1, -0.1, 0.2});
-    for (int k = 0; k < count; ++k) {
-        const Pose world = Pose::fromAxisAngle({0.3, 1, 0.1}, -0.025 * k * motion,
-                                               motion * Eigen::Vector3d(0.03 * k, 0.01 * k, 0.02 * k)) * start;
+    const Intrinsics k{float(camera.fx), float(camera.fy), float(camera.cx), float(camera.cy)};
+    const size_t pixels = size_t(width * height);
+    for (int f = 0; f < count; ++f) {
+        const Pose world = Pose::fromAxisAngle({0.3, 1, 0.1}, -0.025 * f * motion,
+                                               motion * Eigen::Vector3d(0.03 * f, 0.01 * f, 0.02 * f)) * start;
         frames.push_back(scene.render(camera, world));
-        truth.push_back(k == 0 ? Pose() : start.inverse() * world);
+        truth.push_back(f == 0 ? Pose() : start.inverse() * world);
+        for (auto* maps : {&vmaps, &nmaps, &grays, &gradXs, &gradYs})
+            maps->emplace_back(maps == &vmaps || maps == &nmaps ? 3 * pixels : pixels);
+        auto view = [&](std::vector<std::vector<float>>& maps) { return packedView(maps.back().data(), width, height); };
+        auto view3 = [&](std::vector<std::vector<float>>& maps) {
+            return packedView(reinterpret_cast<Float3*>(maps.back().data()), width, height);
+        };
+        depthToVmap(k, packedView<const float>(frames.back().depth.data(), width, height), {}, view3(vmaps));
+        vmapToNmap(constView(view3(vmaps)), view3(nmaps));
+        calcGrayAndGradient(packedView(reinterpret_cast<const Byte3*>(frames.back().color.data()), width, height),
+                            view(grays), view(gradXs), view(gradYs), 1.0, false, false);
     }
-    const kestor::Intrinsics k{float(camera.fx), float(camera.fy), float(camera.cx), float(camera.cy)};
-    for (const Frame& f : frames) {
-        std::vector<float> v(size_t(3 * width * height)), n(v.size());
-        auto vview = kestor::packedView(reinterpret_cast<kestor::Float3*>(v.data()), width, height);
-        kestor::depthToVmap(k, kestor::packedView(f.depth.data(), width, height),
-                            kestor::ImageView<const uint8_t>{}, vview);
-        kestor::vmapToNmap(kestor::constView(vview),
-                           kestor::packedView(reinterpret_cast<kestor::Float3*>(n.data()), width, height));
-        vmaps.push_back(std::move(v));
-        nmaps.push_back(std::move(n));
-        std::vector<float> g, gx, gy;
-        grayAndGradient(f, g, gx, gy);
-        grays.push_back(std::move(g));
-        gradXs.push_back(std::move(gx));
-        gradYs.push_back(std::move(gy));
-    }
-}
-
-std::vector<double> RenderedSequence::truthRts() const {
-    std::vector<double> rts;
-    for (const Pose& p : truth) {
-        const std::vector<double> m = p.matrix();
-        rts.insert(rts.end(), m.begin(), m.end());
-    }
-    return rts;
 }
 
 std::vector<double> RenderedSequence::perturbedRts(double scale) const {
@@ -94,20 +55,39 @@ std::vector<double> RenderedSequence::perturbedRts(double scale) const {
     return rts;
 }
 
-std::vector<const float*> RenderedSequence::pointers(const std::vector<std::vector<float>>& maps) const {
-    std::vector<const float*> out;
-    for (const auto& m : maps) out.push_back(m.data());
-    return out;
+const RenderedSequence& rendered(int count, double motion) {
+    static std::map<std::pair<int, double>, std::unique_ptr<RenderedSequence>> cache;
+    auto& entry = cache[{count, motion}];
+    if (!entry) entry = std::make_unique<RenderedSequence>(count, 80, 60, motion);
+    return *entry;
 }
 
-void poseErrors(const RenderedSequence& s, const std::vector<double>& rts, double& rotation,
-                double& translation) {
-    rotation = translation = 0;
+std::vector<double> runVmapNmap(const RenderedSequence& s, unsigned mode, std::vector<double> rts,
+                                bool parallel, int iterations) {
+    auto v = pointers(s.vmaps), n = pointers(s.nmaps), g = pointers(s.grays),
+         gx = pointers(s.gradXs), gy = pointers(s.gradYs);
+    const std::vector<double> K = s.camera.matrix();
+    EXPECT_EQ(KESTORMatchMultiVmapNmap(v.data(), mode & Normals ? n.data() : nullptr, mode & Gray ? g.data() : nullptr,
+                                       mode & GradX ? gx.data() : nullptr, mode & GradY ? gy.data() : nullptr, 80,
+                                       60, K.data(), rts.data(), int(s.truth.size()), iterations, 0.2, 0.5, 0.2,
+                                       0.3, 0, parallel, false, nullptr, nullptr),
+              KESTOR_STATUS_OK);
+    return rts;
+}
+
+void expectRecovered(const RenderedSequence& s, const std::vector<double>& start,
+                     const std::vector<double>& out, double maxRotation, double maxTranslation) {
+    EXPECT_EQ(std::memcmp(start.data(), out.data(), 12 * sizeof(double)), 0) << "frame 0 moved";
     for (size_t k = 0; k < s.truth.size(); ++k) {
-        const Pose p = Pose::fromMatrix(&rts[12 * k]);
-        rotation = std::max(rotation, rotationError(p, s.truth[k]));
-        translation = std::max(translation, translationError(p, s.truth[k]));
+        const Pose p = Pose::fromMatrix(&out[12 * k]);
+        EXPECT_LT(rotationError(p, s.truth[k]), maxRotation) << "frame " << k;
+        EXPECT_LT(translationError(p, s.truth[k]), maxTranslation) << "frame " << k;
     }
+}
+
+void expectNear(const std::vector<double>& a, const std::vector<double>& b, double tolerance) {
+    ASSERT_EQ(a.size(), b.size());
+    for (size_t e = 0; e < a.size(); ++e) EXPECT_NEAR(a[e], b[e], tolerance) << "element " << e;
 }
 
 }  // namespace kestor_test

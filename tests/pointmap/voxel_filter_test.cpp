@@ -1,10 +1,14 @@
+// The voxel filter: its edge cases, a large cloud against a brute-force reference in both the
+// exported and the internal 64-bit form, argument checks and the cloud form.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <iterator>
 #include <map>
 #include <random>
+#include <set>
 #include <vector>
 
 #include "kestor.h"
@@ -14,136 +18,99 @@ using namespace kestor;
 
 namespace {
 
-struct Kept {
-    bool called = false;
-    std::vector<int> indices;
-};
+void collect(const int* kept, int count, void* user) { static_cast<std::vector<int>*>(user)->assign(kept, kept + count); }
 
-void collect(const int* indices, int count, void* user) {
-    Kept* kept = static_cast<Kept*>(user);
-    kept->called = true;
-    kept->indices.assign(indices, indices + count);
-}
-
-Kept runExport(const std::vector<float>& points, double voxelSize) {
-    Kept kept;
-    EXPECT_EQ(KESTORVoxelFilter(points.data(), int(points.size() / 3), voxelSize, collect, &kept),
-              KESTOR_STATUS_OK);
-    EXPECT_TRUE(kept.called);
+std::vector<int> runExport(const std::vector<float>& points, double voxelSize) {
+    std::vector<int> kept = {-1};  // stays so unless the callback runs
+    EXPECT_EQ(KESTORVoxelFilter(points.data(), int(points.size() / 3), voxelSize, collect, &kept), KESTOR_STATUS_OK);
     return kept;
 }
 
 // The rule stated plainly: per voxel of the grid anchored at the lower corner, the point nearest
 // the voxel's centre (first in input order on a tie), and no point from the highest voxel.
+// Keys ordered by z, then y, then x.
 std::vector<int> bruteForce(const std::vector<float>& p, float size) {
-    const size_t n = p.size() / 3;
-    float lo[3] = {p[0], p[1], p[2]}, xmax = p[0], ymax = p[1];
-    for (size_t i = 0; i < n; ++i) {
-        for (int a = 0; a < 3; ++a) lo[a] = std::min(lo[a], p[3 * i + a]);
-        xmax = std::max(xmax, p[3 * i]);
-        ymax = std::max(ymax, p[3 * i + 1]);
-    }
-    const uint64_t nx = uint64_t(int((xmax - lo[0]) / size) + 1);
-    const uint64_t ny = uint64_t(int((ymax - lo[1]) / size) + 1);
-    std::map<uint64_t, std::pair<double, int>> best;
-    for (size_t i = 0; i < n; ++i) {
-        uint64_t idx[3];
-        for (int a = 0; a < 3; ++a) idx[a] = uint64_t((p[3 * i + a] - lo[a]) / size);
+    float lo[3] = {p[0], p[1], p[2]};
+    for (size_t e = 0; e < p.size(); ++e) lo[e % 3] = std::min(lo[e % 3], p[e]);
+    std::map<std::array<uint64_t, 3>, std::pair<double, int>> best;
+    for (size_t i = 0; i < p.size() / 3; ++i) {
+        std::array<uint64_t, 3> key;
         double d = 0;
         for (int a = 0; a < 3; ++a) {
-            const float centre = (float(idx[a]) + 0.5f) * size;
-            const double e = double(p[3 * i + a] - lo[a] - centre);
+            key[size_t(2 - a)] = uint64_t((p[3 * i + a] - lo[a]) / size);
+            const double e = double(p[3 * i + a] - lo[a] - (float(key[size_t(2 - a)]) + 0.5f) * size);
             d += e * e;
         }
-        const uint64_t key = idx[2] * nx * ny + idx[1] * nx + idx[0];
-        auto it = best.find(key);
-        if (it == best.end() || d < it->second.first) best[key] = {d, int(i)};
+        if (!best.count(key) || d < best[key].first) best[key] = {d, int(i)};
     }
     best.erase(std::prev(best.end()));
-    std::vector<int> kept;
-    for (const auto& entry : best) kept.push_back(entry.second.second);
-    std::sort(kept.begin(), kept.end());
-    return kept;
+    std::set<int> kept;
+    for (const auto& entry : best) kept.insert(entry.second.second);
+    return {kept.begin(), kept.end()};
 }
 
 }  // namespace
 
-TEST(VoxelFilter, OnePointOrOneVoxelKeepsNothing) {
-    EXPECT_TRUE(runExport({1.f, 2.f, 3.f}, 0.5).indices.empty());
-    EXPECT_TRUE(runExport({0.1f, 0.1f, 0.1f, 0.2f, 0.3f, 0.4f, 0.45f, 0.05f, 0.3f}, 0.5)
-                    .indices.empty());
+TEST(VoxelFilter, EdgeCases) {
+    struct Case { const char* name; std::vector<float> points; double size; std::vector<int> kept; };
+    const Case cases[] = {
+        {"one point", {1.f, 2.f, 3.f}, 0.5, {}},
+        {"one voxel", {0.1f, 0.1f, 0.1f, 0.2f, 0.3f, 0.4f, 0.45f, 0.05f, 0.3f}, 0.5, {}},
+        // Point 0 lies in the higher voxel along z, which outranks x and y in the key.
+        {"z outranks x and y", {0.f, 0.f, 2.f, 3.f, 3.f, 0.f}, 1.0, {1}},
+        // Along x: {0.0, 0.9} (0.9 nearer the centre 0.5), {1.0} on the lower face of voxel 1,
+        // {2.5} in the last voxel, dropped.
+        {"lower face", {0.f, 0.f, 0.f, 0.9f, 0.f, 0.f, 1.0f, 0.f, 0.f, 2.5f, 0.f, 0.f}, 1.0, {1, 2}},
+    };
+    for (const Case& c : cases) EXPECT_EQ(runExport(c.points, c.size), c.kept) << c.name;
 }
 
-TEST(VoxelFilter, OfTwoVoxelsOnlyTheLowerKeySurvives) {
-    // Point 0 lies in the higher voxel along z, which outranks x and y in the key.
-    const std::vector<float> points = {0.f, 0.f, 2.f, 3.f, 3.f, 0.f};
-    EXPECT_EQ(runExport(points, 1.0).indices, std::vector<int>({1}));
-}
-
-TEST(VoxelFilter, PointOnTheLowerFaceFallsInVoxelZero) {
-    // Voxels along x: {0.0, 0.9} (0.9 nearer the centre 0.5), {1.0}, {2.5} (the last, dropped).
-    const std::vector<float> points = {0.f, 0.f, 0.f, 0.9f, 0.f, 0.f, 1.0f, 0.f, 0.f, 2.5f, 0.f, 0.f};
-    EXPECT_EQ(runExport(points, 1.0).indices, std::vector<int>({1, 2}));
-}
-
-TEST(VoxelFilter, LargeCloudMatchesTheBruteForceRule) {
+TEST(VoxelFilter, LargeCloudMatchesTheBruteForceRuleInBothForms) {
     std::mt19937 rng(7);
     std::uniform_real_distribution<float> coord(-2.0f, 3.0f);
     std::vector<float> points(3 * 200000);
     for (float& v : points) v = coord(rng);
     // Duplicates give exact ties, which the first point in input order wins.
-    for (int i = 0; i < 1000; ++i)
-        for (int a = 0; a < 3; ++a) points[3 * (100000 + i) + a] = points[3 * i + a];
+    std::copy(points.begin(), points.begin() + 3000, points.begin() + 300000);
     const std::vector<int> expected = bruteForce(points, 0.1f);
     EXPECT_GT(expected.size(), 50000u);
-    EXPECT_EQ(runExport(points, 0.1).indices, expected);
+    EXPECT_EQ(runExport(points, 0.1), expected);
 
-    // The internal 64-bit form selects the same set.
+    // The internal 64-bit form selects the same set, as 255 among 0s.
     std::vector<unsigned char> bytes(points.size() / 3, 9);
     ImageView<unsigned char> selection{bytes.data(), 1, 1, int32_t(bytes.size())};
     voxelFilter(points.data(), int64_t(bytes.size()), 0.1f, selection);
-    std::vector<int> kept;
-    for (size_t i = 0; i < bytes.size(); ++i) {
-        ASSERT_TRUE(bytes[i] == 0 || bytes[i] == 255);
-        if (bytes[i] == 255) kept.push_back(int(i));
-    }
-    EXPECT_EQ(kept, expected);
+    std::vector<unsigned char> want(bytes.size(), 0);
+    for (int i : expected) want[size_t(i)] = 255;
+    EXPECT_EQ(bytes, want);
 }
 
-TEST(VoxelFilter, BadArgumentsAndNullCallback) {
-    const std::vector<float> points = {0.f, 0.f, 0.f, 5.f, 5.f, 5.f};
-    Kept kept;
-    EXPECT_EQ(KESTORVoxelFilter(nullptr, 2, 1.0, collect, &kept), KESTOR_STATUS_BAD_ARGUMENT);
-    EXPECT_EQ(KESTORVoxelFilter(points.data(), 0, 1.0, collect, &kept), KESTOR_STATUS_BAD_ARGUMENT);
-    EXPECT_EQ(KESTORVoxelFilter(points.data(), -3, 1.0, collect, &kept),
-              KESTOR_STATUS_BAD_ARGUMENT);
-    EXPECT_FALSE(kept.called);
-    EXPECT_EQ(KESTORVoxelFilter(points.data(), 2, 1.0, nullptr, nullptr), KESTOR_STATUS_OK);
-}
-
-TEST(VoxelFilter, SelectionOfTheWrongShapeIsLeftAlone) {
+TEST(VoxelFilter, BadArgumentsCallNothingAndAWrongSelectionIsLeftAlone) {
     const std::vector<float> points = {0.f, 0.f, 0.f, 5.f, 5.f, 5.f, 9.f, 9.f, 9.f};
+    std::vector<int> kept = {-1};
+    for (const auto& [data, count] : std::vector<std::pair<const float*, int>>{{nullptr, 2}, {points.data(), 0}, {points.data(), -3}})
+        EXPECT_EQ(KESTORVoxelFilter(data, count, 1.0, collect, &kept), KESTOR_STATUS_BAD_ARGUMENT);
+    EXPECT_EQ(kept, std::vector<int>({-1}));
+    EXPECT_EQ(KESTORVoxelFilter(points.data(), 2, 1.0, nullptr, nullptr), KESTOR_STATUS_OK);
+
     std::vector<unsigned char> bytes(4, 9);
-    ImageView<unsigned char> selection{bytes.data(), 1, 1, 4};
-    voxelFilter(points.data(), int32_t(3), 1.0f, selection);
+    ImageView<unsigned char> wrong{bytes.data(), 1, 1, 4}, wide{bytes.data(), 3, 3, 1};
+    voxelFilter(points.data(), int32_t(3), 1.0f, wrong);
     EXPECT_EQ(bytes, std::vector<unsigned char>(4, 9));
     // A 3x1 view of the right size is filled through its columns.
-    ImageView<unsigned char> wide{bytes.data(), 3, 3, 1};
     voxelFilter(points.data(), int32_t(3), 1.0f, wide);
     EXPECT_EQ(bytes, std::vector<unsigned char>({255, 255, 0, 9}));
 }
 
 TEST(VoxelFilterCloud, NormalsFollowAndMisSizedIntensitiesAreCleared) {
-    std::vector<Float3> points = {{0.9f, 0, 0}, {0.1f, 0, 0}, {1.5f, 0, 0}, {2.5f, 0, 0}};
-    std::vector<Float3> normals = {{1, 0, 0}, {2, 0, 0}, {3, 0, 0}, {4, 0, 0}};
+    std::vector<Float3> points = {{0.9f, 0, 0}, {0.1f, 0, 0}, {1.5f, 0, 0}, {2.5f, 0, 0}},
+                        normals = {{1, 0, 0}, {2, 0, 0}, {3, 0, 0}, {4, 0, 0}};
     std::vector<float> intensities = {0.5f, 0.6f};
     voxelFilterCloud(1.0, points, normals, intensities);
     // Voxel 0 keeps 0.9 over 0.1 (centre at 0.5 + 0.1), voxel 1 keeps 1.5, voxel 2 is the last.
-    ASSERT_EQ(points.size(), 2u);
-    EXPECT_FLOAT_EQ(points[0].x, 0.9f);
-    EXPECT_FLOAT_EQ(points[1].x, 1.5f);
-    ASSERT_EQ(normals.size(), 2u);
-    EXPECT_FLOAT_EQ(normals[0].x, 1.f);
-    EXPECT_FLOAT_EQ(normals[1].x, 3.f);
+    std::vector<float> xs;
+    for (const auto* cloud : {&points, &normals})
+        for (const Float3& v : *cloud) xs.push_back(v.x);
+    EXPECT_EQ(xs, std::vector<float>({0.9f, 1.5f, 1.f, 3.f}));
     EXPECT_TRUE(intensities.empty());
 }
