@@ -154,6 +154,8 @@ bool withinViewAngle(double c) { return c >= kMinCosine && c <= 1.0; }
 void vmapToNmap(const ImageView<const Float3>& vmap, const ImageView<Float3>& nmap) {
     const int width = vmap.width;
     const int height = vmap.height;
+    // A pyramid level can be zero pixels wide (width 1 at level 1): its rows have no address.
+    if (width < 1) return;
     for (int y = 0; y < height; ++y)
         std::memset(static_cast<void*>(rowOf(nmap, y)), 0, sizeof(Float3) * size_t(width));
     if (width < 2 || height < 2) return;

@@ -146,4 +146,9 @@ TEST(CalcPyramid, BadArgumentsReturnFourAndWriteNothing) {
     std::vector<float> vmap(size_t(w * h * 3)), nmap(vmap.size());
     ASSERT_EQ(KESTORDepthToVmapNmap(K, d, nullptr, vmap.data(), nmap.data(), w, h), 0);
     EXPECT_TRUE(bitwiseEqual(vmap, p.values(0, 0)) && bitwiseEqual(nmap, p.values(1, 0)));
+    // A one-pixel-wide image has an empty level 1: it succeeds and nothing is written there.
+    Pyramid thin(1, h, 2);
+    ASSERT_EQ(thin.run(in.K, in.frame, in.frame.color.data(), true, true, true), 0);
+    for (int m = 0; m < 5; ++m) EXPECT_TRUE(thin.untouched(m, 1)) << m;
+    EXPECT_FALSE(thin.untouched(0, 0));
 }
