@@ -9,6 +9,8 @@
 #include <limits>
 #include <vector>
 
+#include <Eigen/Geometry>
+
 #include "multi/align_frames.h"
 
 using namespace kestor;
@@ -111,4 +113,46 @@ TEST(AlignFrames, CancelKeepsTheLastAcceptedPosesAndTooLittleInputIsRefused) {
                              true, ProgressFunc(), PairsChanged(), false));
     EXPECT_FALSE(toy.run(0, 0));
     EXPECT_EQ(std::memcmp(start.data(), toy.poses.data(), sizeof(RT_<double>) * 3), 0);
+}
+
+// One step of a two-frame problem in closed form: H = 2 I and a fixed gradient on frame 1, with a
+// trial that always lowers the error. The solved six values s give the correction D = (Rz(-s2)
+// Ry(-s1) Rx(-s0), -s3..-s5), which goes after the pose with onRight and before it without.
+TEST(AlignFrames, OneStepPutsTheCorrectionOnTheSideOnRightNames) {
+    const double g[6] = {0.05, -0.1, 0.15, 0.3, -0.2, 0.1};
+    const Eigen::Matrix3d start = Eigen::AngleAxisd(0.7, Eigen::Vector3d(1, 2, 3).normalized()).toRotationMatrix();
+    for (bool onRight : {false, true}) {
+        RT_<double> poses[2] = {RT_<double>::identity(), RT_<double>::identity()};
+        for (int r = 0; r < 3; ++r)
+            for (int c = 0; c < 3; ++c) poses[1].rotation[3 * r + c] = start(r, c);
+        poses[1].translation[0] = 0.4, poses[1].translation[1] = -0.3, poses[1].translation[2] = 1.2;
+        Eigen::Isometry3d before = Eigen::Isometry3d::Identity();
+        before.linear() = start;
+        before.translation() = Eigen::Vector3d(0.4, -0.3, 1.2);
+
+        PairLinearize lin = [&](int, int, const RT_<double>&, const RT_<double>&, PairBlock& hII,
+                                PairBlock&, PairBlock&, PairVector& gI, PairVector&) {
+            for (int a = 0; a < 6; ++a) hII[a][a] = 2.0, gI[a] = g[a];
+            return 1.0;
+        };
+        PairEvaluate eval = [](int, int, const RT_<double>&, const RT_<double>&) { return 0.0; };
+        ASSERT_TRUE(alignFrames(lin, eval, poses, 2, 1, 0, false, onRight, ProgressFunc(),
+                                PairsChanged(), false));
+
+        double s[6];
+        for (int a = 0; a < 6; ++a) s[a] = g[a] / (2.0 * (1.0 + 1e-6));
+        Eigen::Isometry3d d = Eigen::Isometry3d::Identity();
+        d.linear() = (Eigen::AngleAxisd(-s[2], Eigen::Vector3d::UnitZ()) *
+                      Eigen::AngleAxisd(-s[1], Eigen::Vector3d::UnitY()) *
+                      Eigen::AngleAxisd(-s[0], Eigen::Vector3d::UnitX())).toRotationMatrix();
+        d.translation() = Eigen::Vector3d(-s[3], -s[4], -s[5]);
+        const Eigen::Isometry3d expected = onRight ? before * d : d * before;
+        for (int r = 0; r < 3; ++r) {
+            for (int c = 0; c < 3; ++c)
+                EXPECT_NEAR(poses[1].rotation[3 * r + c], expected(r, c), 1e-12) << onRight;
+            EXPECT_NEAR(poses[1].translation[r], expected(r, 3), 1e-12) << onRight;
+        }
+        const RT_<double> identity = RT_<double>::identity();
+        EXPECT_EQ(std::memcmp(&poses[0], &identity, sizeof(RT_<double>)), 0);
+    }
 }

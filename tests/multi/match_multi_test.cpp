@@ -134,3 +134,27 @@ TEST(MatchMulti, IncompleteColourFallsBackToThePlainMode) {
     const PointSets sets(s);
     EXPECT_EQ(runPoints(sets, Gray, start, false, 3), runPoints(sets, Point, start, false, 3));
 }
+
+// The modes that correct a pose on its right only ever see relative poses, so turning the whole
+// set by one large motion G turns the result by G and changes nothing else.
+TEST(MatchMulti, RightCorrectedModesFollowAMotionOfTheWholeSet) {
+    const RenderedSequence& s = rendered(4);
+    const PointSets sets(s);
+    const Pose G = Pose::fromAxisAngle({0.3, -1, 0.5}, 1.9, {2.0, -1.0, 0.5});
+    auto moved = [&](const std::vector<double>& rts) {
+        std::vector<double> out;
+        for (size_t f = 0; f < rts.size(); f += 12) {
+            const std::vector<double> m = (G * Pose::fromMatrix(&rts[f])).matrix();
+            out.insert(out.end(), m.begin(), m.end());
+        }
+        return out;
+    };
+    const std::vector<double> start = s.perturbedRts();
+    for (Mode mode : {Mode::Point, Mode::Plane, Mode::Colored}) {
+        SCOPED_TRACE(int(mode));
+        // Point to point on maps is the one mode corrected on the left.
+        if (mode != Mode::Point)
+            expectNear(runVmapNmap(s, mode, moved(start), false, 5), moved(runVmapNmap(s, mode, start, false, 5)), 1e-5);
+        expectNear(runPoints(sets, mode, moved(start), false, 5), moved(runPoints(sets, mode, start, false, 5)), 1e-5);
+    }
+}
