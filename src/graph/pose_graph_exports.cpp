@@ -45,14 +45,23 @@ int KESTOROptimizePoseGraph(const int* edgePairs, const double* edgeTransforms,
     std::memcpy(information.data(), edgeInformation, sizeof(InformationMatrix) * size_t(edgeCount));
     std::vector<RT_<double>> solved = transformsFrom(poses, poseCount);
 
+    // The solver reports 100 only once its poses are final, so they go out to the caller before
+    // that call: a progress function sees the result it may still reject. Unwritten poses come
+    // back as the same doubles; the first is never written.
+    const auto writeBack = [&] {
+        for (int k = 1; k < poseCount; ++k) poseFromDouble(solved[k], poseView(poses + 12 * k));
+    };
+    const ProgressFunc report = wrapProgress(progress, progressContext);
+    const ProgressFunc forward = [&](int percent, bool& stop) {
+        if (percent == 100) writeBack();
+        report(percent, stop);
+    };
     // The solver's own result is dropped on purpose: a stopped or failed run leaves the poses
     // as they were, which is all a caller can see of it.
     optimizePoseGraph(pairs.data(), measurements.data(), information.data(), edgeFlags, edgeWeights,
                       edgeCount, solved.data(), poseCount, distanceScale, preference,
-                      maxIterations, pruneThreshold, verbose,
-                      wrapProgress(progress, progressContext), useThreads);
-    // Unwritten poses come back as the same doubles; the first is never written.
-    for (int k = 1; k < poseCount; ++k) poseFromDouble(solved[k], poseView(poses + 12 * k));
+                      maxIterations, pruneThreshold, verbose, forward, useThreads);
+    writeBack();
     return KESTOR_STATUS_OK;
 }
 

@@ -27,18 +27,19 @@ SyntheticPoseGraph graphOf(int poseCount, unsigned seed = 1) {
 constexpr int kNoProgress = -2;
 
 struct Solved {
-    std::vector<double> poses, weights;
+    std::vector<double> poses, weights, posesAt100;  // the caller's poses as the call of 100 sees them
     std::vector<int> progress;
     int stopAt = -1;
 };
 
 Solved solve(const SyntheticPoseGraph& g, int iterations, int stopAt = -1, bool threads = false,
           double prune = 0.25, double scale = 0.1, bool verbose = false) {
-    Solved r{g.initial, std::vector<double>(size_t(g.edgeCount), -1.0), {}, stopAt};
+    Solved r{g.initial, std::vector<double>(size_t(g.edgeCount), -1.0), {}, {}, stopAt};
     const auto record = [](int percent, bool* stop, void* user) {
         auto* run = static_cast<Solved*>(user);
         *stop = int(run->progress.size()) == run->stopAt;
         run->progress.push_back(percent);
+        if (percent == 100) run->posesAt100 = run->poses;
     };
     EXPECT_EQ(KESTOROptimizePoseGraph(g.pairs.data(), g.transforms.data(), g.information.data(),
                                       g.flags.empty() ? nullptr : g.flags.data(), r.weights.data(),
@@ -140,6 +141,10 @@ TEST(PoseGraph, ProgressSequenceAndStops) {
             EXPECT_GT(poseGraphAccuracy(r.poses, g.initial).rmsTranslation, 1e-6);
         }
         EXPECT_EQ(std::memcmp(r.poses.data(), g.initial.data(), 12 * sizeof(double)), 0);
+        // The call of 100 comes with the poses already written, even when it stops the run.
+        if (r.progress.back() == 100) {
+            EXPECT_EQ(r.posesAt100, r.poses);
+        }
         for (double w : r.weights) EXPECT_EQ(w >= 0.0, c.weightsWritten);
     }
 }
