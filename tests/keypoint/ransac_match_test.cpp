@@ -124,9 +124,13 @@ TEST(RansacMatch, FindsTheMotionAndTheInliersAmongManyWrongMatches) {
 TEST(RansacMatch, NormalsCountOnlyWhenBothListsAreGiven) {
     KeyPointProblem p = kestor_test::makeKeyPointProblem(300, 0.5, 77);
     expectRecovered(p, runRansac(p, 1000, 0.9, true, true, true));
-    // Flipped target normals: no pair passes the normal test, so nothing is found.
+    // Flipped target normals: every true pair fails the normal test, so the motion is not found.
+    // A chance hypothesis may still gather a few wrong pairs: the draw is random.
     for (float& n : p.targetNormals) n = -n;
-    expectNothing(runRansac(p, 1000, 0.9, true, true, true));
+    const RansacRun flipped = runRansac(p, 1000, 0.9, true, true, true);
+    EXPECT_EQ(flipped.status, KESTOR_STATUS_OK);
+    EXPECT_EQ(flipped.reported.calls, 1);
+    EXPECT_LT(flipped.reported.pairs.size(), p.truePairs.size() / 10);
     // With one list missing the other is ignored.
     expectRecovered(p, runRansac(p, 1000, 0.9, true, true, false));
     expectRecovered(p, runRansac(p, 1000, 0.9, true, false, true));
