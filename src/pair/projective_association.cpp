@@ -47,6 +47,19 @@ inline bool nearestPixel(float c, int size, bool strict, int& pixel) {
     return true;
 }
 
+// Carries a source point into the target frame and finds its pixel in the point or plane form;
+// false when it falls outside the map or on a pixel without a vertex.
+inline bool projectToTarget(const Intrinsics& k, const RT_<float>& pose, const Float3& source,
+                            const MapReader<Float3>& vmap, int W, int H, bool strict, Float3& p,
+                            int& iu, int& iv, Float3& q) {
+    p = transform(pose, source);
+    const float u = (p.x * k.fx) / p.z + k.cx;
+    const float v = (p.y * k.fy) / p.z + k.cy;
+    if (!nearestPixel(u, W, strict, iu) || !nearestPixel(v, H, strict, iv)) return false;
+    q = vmap.at(iu, iv);
+    return q.z > 0.0f;
+}
+
 // The coloured form rounds half away from zero.
 inline bool roundedPixel(float c, int size, int& pixel) {
     if (!(c >= 0.0f)) return false;
@@ -119,13 +132,10 @@ void associatePoint(const Intrinsics& k, const TargetMaps& target, const Compact
     const int W = target.vmap.width, H = target.vmap.height;
     double* h = ne.hessian;
     for (int i = begin; i < end; ++i) {
-        const Float3 p = transform(pose, source.points[size_t(i)]);
-        const float u = (p.x * k.fx) / p.z + k.cx;
-        const float v = (p.y * k.fy) / p.z + k.cy;
+        Float3 p, q;
         int iu, iv;
-        if (!nearestPixel(u, W, false, iu) || !nearestPixel(v, H, false, iv)) continue;
-        const Float3 q = vmap.at(iu, iv);
-        if (!(q.z > 0.0f)) continue;
+        if (!projectToTarget(k, pose, source.points[size_t(i)], vmap, W, H, false, p, iu, iv, q))
+            continue;
         Float3 d;
         const double d2 = squaredDistance(p, q, d);
         if (!(limits.maxDistanceSquared > d2)) continue;
@@ -164,13 +174,10 @@ void associatePlane(const Intrinsics& k, const TargetMaps& target, const Compact
     const MapReader<Float3> vmap(target.vmap), nmap(target.nmap);
     const int W = target.vmap.width, H = target.vmap.height;
     for (int i = begin; i < end; ++i) {
-        const Float3 p = transform(pose, source.points[size_t(i)]);
-        const float u = (p.x * k.fx) / p.z + k.cx;
-        const float v = (p.y * k.fy) / p.z + k.cy;
+        Float3 p, q;
         int iu, iv;
-        if (!nearestPixel(u, W, true, iu) || !nearestPixel(v, H, true, iv)) continue;
-        const Float3 q = vmap.at(iu, iv);
-        if (!(q.z > 0.0f)) continue;
+        if (!projectToTarget(k, pose, source.points[size_t(i)], vmap, W, H, true, p, iu, iv, q))
+            continue;
         const Float3 n = nmap.at(iu, iv);
         if (isZero(n)) continue;
         Float3 d;
