@@ -57,28 +57,18 @@ V3 secondVector(const Shifted& a, const V3& e0) {
     if (m == 0.0f && m01 == 0.0f) return u;
 
     // (p, q) of unit length with p m00 = q m01 and p m01 = q m11, from the equation of the
-    // larger diagonal entry, dividing by whichever of m and m01 is larger in size.
+    // larger diagonal entry, dividing by whichever of m and m01 is larger in size. Which of p
+    // and q the ratio scales depends on both that choice and the row used.
+    const bool byM = std::fabs(m) >= std::fabs(m01);
+    const float ratio = byM ? m01 / m : m / m01;
+    const float s = 1.0f / std::sqrt(1.0f + ratio * ratio);
     float p, q;
-    if (std::fabs(m) >= std::fabs(m01)) {
-        const float ratio = m01 / m;
-        const float s = 1.0f / std::sqrt(1.0f + ratio * ratio);
-        if (useFirstRow) {  // p = ratio q
-            q = s;
-            p = ratio * s;
-        } else {  // q = ratio p
-            p = s;
-            q = ratio * s;
-        }
+    if (useFirstRow == byM) {
+        q = s;
+        p = ratio * s;
     } else {
-        const float ratio = m / m01;
-        const float s = 1.0f / std::sqrt(1.0f + ratio * ratio);
-        if (useFirstRow) {  // q = ratio p
-            p = s;
-            q = ratio * s;
-        } else {  // p = ratio q
-            q = s;
-            p = ratio * s;
-        }
+        p = s;
+        q = ratio * s;
     }
     return V3{p * u.x - q * v.x, p * u.y - q * v.y, p * u.z - q * v.z};
 }
