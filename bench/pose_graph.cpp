@@ -4,7 +4,6 @@
 // GlobalOptimization is bench/open3d/pose_graph.cpp.
 #include <benchmark/benchmark.h>
 
-#include <map>
 #include <vector>
 
 #include "kestor.h"
@@ -12,24 +11,10 @@
 
 namespace {
 
-using kestor_test::makeSyntheticPoseGraph;
-using kestor_test::SyntheticGraphOptions;
 using kestor_test::SyntheticPoseGraph;
 
-const SyntheticPoseGraph& graph(int poses) {
-    static std::map<int, SyntheticPoseGraph> graphs;
-    auto found = graphs.find(poses);
-    if (found == graphs.end()) {
-        SyntheticGraphOptions o;
-        o.poseCount = poses;
-        o.seed = 11;
-        found = graphs.emplace(poses, makeSyntheticPoseGraph(o)).first;
-    }
-    return found->second;
-}
-
 void BM_OptimizePoseGraph(benchmark::State& state) {
-    const SyntheticPoseGraph& g = graph(int(state.range(0)));
+    const SyntheticPoseGraph& g = kestor_test::cachedSyntheticPoseGraph(int(state.range(0)));
     const bool useThreads = state.range(1) != 0;
     std::vector<double> poses, weights(size_t(g.edgeCount));
     for (auto _ : state) {

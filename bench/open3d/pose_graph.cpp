@@ -16,9 +16,7 @@
 
 namespace {
 
-using kestor_test::makeSyntheticPoseGraph;
 using kestor_test::poseGraphAccuracy;
-using kestor_test::SyntheticGraphOptions;
 using kestor_test::SyntheticPoseGraph;
 namespace reg = open3d::pipelines::registration;
 
@@ -26,18 +24,6 @@ constexpr double kDistance = 0.1;
 constexpr double kPreference = 1.0;
 constexpr double kPrune = 0.25;
 constexpr int kIterations = 100;
-
-const SyntheticPoseGraph& graph(int poses) {
-    static std::map<int, SyntheticPoseGraph> graphs;
-    auto found = graphs.find(poses);
-    if (found == graphs.end()) {
-        SyntheticGraphOptions o;
-        o.poseCount = poses;
-        o.seed = 11;
-        found = graphs.emplace(poses, makeSyntheticPoseGraph(o)).first;
-    }
-    return found->second;
-}
 
 Eigen::Matrix4d matrixOf(const double* m12) {
     Eigen::Matrix4d m = Eigen::Matrix4d::Identity();
@@ -69,7 +55,7 @@ void report(benchmark::State& state, const SyntheticPoseGraph& g, const std::vec
 }
 
 void BM_KestorPoseGraph(benchmark::State& state) {
-    const SyntheticPoseGraph& g = graph(int(state.range(0)));
+    const SyntheticPoseGraph& g = kestor_test::cachedSyntheticPoseGraph(int(state.range(0)));
     std::vector<double> poses, weights(size_t(g.edgeCount));
     for (auto _ : state) {
         poses = g.initial;
@@ -100,7 +86,7 @@ reg::PoseGraph open3dGraph(const SyntheticPoseGraph& g) {
 
 void BM_Open3DGlobalOptimization(benchmark::State& state) {
     open3d::utility::SetVerbosityLevel(open3d::utility::VerbosityLevel::Error);
-    const SyntheticPoseGraph& g = graph(int(state.range(0)));
+    const SyntheticPoseGraph& g = kestor_test::cachedSyntheticPoseGraph(int(state.range(0)));
     const reg::PoseGraph start = open3dGraph(g);
     reg::PoseGraph pg;
     reg::GlobalOptimizationConvergenceCriteria criteria;

@@ -5,6 +5,7 @@
 // only and free of Eigen, so the Open3D comparison can share it.
 #include <cmath>
 #include <cstdint>
+#include <map>
 #include <random>
 #include <set>
 #include <utility>
@@ -175,6 +176,19 @@ inline SyntheticPoseGraph makeSyntheticPoseGraph(const SyntheticGraphOptions& o)
         g.initial.insert(g.initial.end(), chain[k].m, chain[k].m + 12);
     }
     return g;
+}
+
+// The benchmarks' graph of `poses` poses (seed 11), made once per process and kept.
+inline const SyntheticPoseGraph& cachedSyntheticPoseGraph(int poses) {
+    static std::map<int, SyntheticPoseGraph> graphs;
+    auto found = graphs.find(poses);
+    if (found == graphs.end()) {
+        SyntheticGraphOptions o;
+        o.poseCount = poses;
+        o.seed = 11;
+        found = graphs.emplace(poses, makeSyntheticPoseGraph(o)).first;
+    }
+    return found->second;
 }
 
 }  // namespace kestor_test
