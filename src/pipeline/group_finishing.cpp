@@ -1,0 +1,66 @@
+#include "pipeline/group_finishing.h"
+
+#include <algorithm>
+
+#include "core/frame_memory.h"
+#include "pair/match_measures.h"
+
+namespace kestor {
+
+namespace {
+
+RT_<double> inverseOf(const RT_<double>& a) {
+    RT_<double> r;
+    invertRT(a, r);
+    return r;
+}
+
+RT_<double> compose(const RT_<double>& a, const RT_<double>& b) {
+    RT_<double> r;
+    composeRT(a, b, r);
+    return r;
+}
+
+bool isFull(const RGBDFusionImpl& instance, const _Group& group) {
+    return group.frameCount == instance.groupSize + 1;
+}
+
+// Member poses relative to the key frame, as tracking left them.
+void frameRTsFromTracking(_Group& group) {
+    const RT_<double> keyInverse = inverseOf(group.frames[size_t(group.keyIndex)]->pose);
+    group.frameRTs.clear();
+    for (int j = 0; j < group.frameCount; ++j)
+        group.frameRTs.push_back(compose(keyInverse, group.frames[size_t(j)]->pose));
+}
+
+// How well the last member's own map pins the step from the key frame to it.
+void computeLinkInfo(const RGBDFusionImpl& instance, _Group& group) {
+    const RT_<double> link = compose(inverseOf(group.frameRTs[size_t(group.keyIndex)]),
+                                     group.frameRTs[size_t(instance.groupSize)]);
+    const _Frame* last = group.frames[size_t(instance.groupSize)];
+    if (instance.deviceMemory || instance.levels < 1 || last->levels[0].vmap == nullptr ||
+        instance.width < 1 || instance.height < 1)
+        return;
+    const auto vmap = packedView(reinterpret_cast<const Float3*>(last->levels[0].vmap),
+                                 instance.width, instance.height);
+    calcVmapSelfInfo(vmap, castRT<float>(link), infoView(&group.linkInfo[0][0]));
+}
+
+}  // namespace
+
+void finishGroup(RGBDFusionImpl& instance, _Group& group) {
+    if (group.frameCount < 1) return;
+    if (group.frameRTs.empty()) frameRTsFromTracking(group);
+    const KESTORPara& p = instance.para;
+    if ((p.groupMode == 2 || p.globalMode == 1) && isFull(instance, group))
+        computeLinkInfo(instance, group);
+    _Frame* key = group.frames[size_t(group.keyIndex)];
+    for (int l = 0; l < instance.levels; ++l) std::swap(key->levels[l], group.levels[l]);
+    const int members = std::min(instance.groupSize, group.frameCount);
+    for (int j = 0; j < members; ++j) {
+        std::lock_guard<std::mutex> guard(instance.lock);
+        reduceFrame(instance, group.frames[size_t(j)]);
+    }
+}
+
+}  // namespace kestor
