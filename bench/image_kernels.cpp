@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "image/filter_kernels.h"
-#include "image/filter_reference.h"
+#include "support/filter_reference.h"
 #include "io/png_image.h"
 #include "kestor.h"
 

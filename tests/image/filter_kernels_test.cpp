@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "image/filter_kernels.h"
-#include "image/filter_reference.h"
+#include "support/filter_reference.h"
 #include "support/image_compare.h"
 
 using namespace kestor;

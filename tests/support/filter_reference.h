@@ -1,7 +1,8 @@
 #pragma once
 // Plain scalar forms of the two filter passes, one tap at a time with the clamping spelled out.
 // They define what the vector passes must compute (up to float rounding) and are the baseline
-// the benchmarks measure those against; the library itself does not call them.
+// the benchmarks measure those against; they live with the tests because the library never
+// calls them.
 #include "core/image_view.h"
 
 namespace kestor {

@@ -1,4 +1,4 @@
-#include "image/filter_reference.h"
+#include "support/filter_reference.h"
 
 #include <algorithm>
 #include <vector>
