@@ -8,37 +8,6 @@
 
 namespace kestor_io {
 
-PngImage readPng(const std::string& path) {
-    png_image image{};
-    image.version = PNG_IMAGE_VERSION;
-    if (!png_image_begin_read_from_file(&image, path.c_str()))
-        throw std::runtime_error("cannot read PNG " + path + ": " + image.message);
-    PngImage out;
-    out.width = int(image.width);
-    out.height = int(image.height);
-    const bool sixteen = (image.format & PNG_FORMAT_FLAG_LINEAR) != 0;
-    const bool gray = (image.format & PNG_FORMAT_FLAG_COLOR) == 0;
-    // Keep gray images gray and colour images RGB; 16-bit files stay 16-bit.
-    image.format = gray ? (sixteen ? PNG_FORMAT_LINEAR_Y : PNG_FORMAT_GRAY)
-                        : (sixteen ? PNG_FORMAT_LINEAR_RGB : PNG_FORMAT_RGB);
-    out.channels = gray ? 1 : 3;
-    out.bitDepth = sixteen ? 16 : 8;
-    const size_t count = size_t(out.width) * size_t(out.height) * size_t(out.channels);
-    bool ok;
-    if (sixteen) {
-        out.samples16.resize(count);
-        ok = png_image_finish_read(&image, nullptr, out.samples16.data(), 0, nullptr) != 0;
-    } else {
-        out.samples8.resize(count);
-        ok = png_image_finish_read(&image, nullptr, out.samples8.data(), 0, nullptr) != 0;
-    }
-    if (!ok) {
-        png_image_free(&image);
-        throw std::runtime_error("cannot decode PNG " + path + ": " + image.message);
-    }
-    return out;
-}
-
 std::vector<float> readDepthPng(const std::string& path, double unitsPerMetre, int& width,
                                 int& height) {
     // The simplified libpng API converts 16-bit data to linear light, which would alter the raw
