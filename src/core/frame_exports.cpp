@@ -3,11 +3,12 @@
 
 #include <thread>
 
+#include "core/version.h"
 #include "kestor.h"
 
 extern "C" {
 
-const char* KESTORVersion(void) { return "1.1.3"; }
+const char* KESTORVersion(void) { return KESTOR_VERSION_STRING; }
 
 void KESTORSetThreadNum(int threads) {
     // -1 asks for every hardware thread; any other value goes to the runtime unchanged.
