@@ -1,4 +1,6 @@
 #pragma once
+// Rigid transforms and the small geometry built on them: the one place where points are moved,
+// normals rotated and poses composed, in scalar form and in bulk.
 #include <cmath>
 
 #include "core/image_view.h"
@@ -14,20 +16,54 @@ struct RT_ {
     static RT_ identity() { return RT_{{1, 0, 0, 0, 1, 0, 0, 0, 1}, {0, 0, 0}}; }
 };
 
+// Row-major 3x3 product out = A B, each entry summed left to right. out may not alias A or B.
+template <typename T>
+void multiplyRotations(const T* A, const T* B, T* out) {
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 3; ++j)
+            out[i * 3 + j] = A[i * 3] * B[j] + A[i * 3 + 1] * B[3 + j] + A[i * 3 + 2] * B[6 + j];
+}
+
+// out = R v for a row-major 3x3 R (a normal or a direction: no translation). Each component is
+// summed left to right in T, with no fused multiply-add, so every caller gets the same bits.
+// out may be v.
+template <typename T>
+inline void rotateVector(const T* R, const T* v, T* out) {
+    const T x = v[0], y = v[1], z = v[2];
+    out[0] = R[0] * x + R[1] * y + R[2] * z;
+    out[1] = R[3] * x + R[4] * y + R[5] * z;
+    out[2] = R[6] * x + R[7] * y + R[8] * z;
+}
+
+// out = R p + t: R p as rotateVector sums it, then t added. out may be p.
+template <typename T>
+inline void transformPoint(const RT_<T>& rt, const T* p, T* out) {
+    rotateVector(rt.rotation, p, out);
+    out[0] += rt.translation[0];
+    out[1] += rt.translation[1];
+    out[2] += rt.translation[2];
+}
+
+// The same two on map elements.
+inline Float3 rotateVector(const RT_<float>& rt, const Float3& v) {
+    const float in[3] = {v.x, v.y, v.z};
+    float out[3];
+    rotateVector(rt.rotation, in, out);
+    return Float3{out[0], out[1], out[2]};
+}
+inline Float3 transformPoint(const RT_<float>& rt, const Float3& p) {
+    const float in[3] = {p.x, p.y, p.z};
+    float out[3];
+    transformPoint(rt, in, out);
+    return Float3{out[0], out[1], out[2]};
+}
+
 // out = a after b: R = Ra Rb, t = Ra tb + ta. out may alias a or b.
 template <typename T>
 void composeRT(const RT_<T>& a, const RT_<T>& b, RT_<T>& out) {
     RT_<T> r;
-    for (int i = 0; i < 3; ++i) {
-        for (int j = 0; j < 3; ++j) {
-            r.rotation[i * 3 + j] = a.rotation[i * 3 + 0] * b.rotation[0 * 3 + j] +
-                                    a.rotation[i * 3 + 1] * b.rotation[1 * 3 + j] +
-                                    a.rotation[i * 3 + 2] * b.rotation[2 * 3 + j];
-        }
-        r.translation[i] = a.rotation[i * 3 + 0] * b.translation[0] +
-                           a.rotation[i * 3 + 1] * b.translation[1] +
-                           a.rotation[i * 3 + 2] * b.translation[2] + a.translation[i];
-    }
+    multiplyRotations(a.rotation, b.rotation, r.rotation);
+    transformPoint(a, b.translation, r.translation);
     out = r;
 }
 
@@ -50,11 +86,8 @@ void invertRT(const RT_<T>& a, RT_<T>& out) {
     const T det = m[0] * c[0] + m[1] * c[3] + m[2] * c[6];
     RT_<T> r;
     for (int i = 0; i < 9; ++i) r.rotation[i] = c[i] / det;
-    for (int i = 0; i < 3; ++i) {
-        r.translation[i] = -(r.rotation[i * 3 + 0] * a.translation[0] +
-                             r.rotation[i * 3 + 1] * a.translation[1] +
-                             r.rotation[i * 3 + 2] * a.translation[2]);
-    }
+    rotateVector(r.rotation, a.translation, r.translation);
+    for (int i = 0; i < 3; ++i) r.translation[i] = -r.translation[i];
     out = r;
 }
 
@@ -92,5 +125,19 @@ RT_<double> poseToDouble(const ImageView<double>& pose);
 // Transform to an interface pose, row by row through the view's stride.
 void poseFromFloat(const RT_<float>& rt, const ImageView<double>& pose);
 void poseFromDouble(const RT_<double>& rt, const ImageView<double>& pose);
+
+// Bulk forms over `count` entries; `out` may be `in`, and normals are not renormalised.
+//
+// On packed 3-float arrays: out = R p + t and out = R n, entry by entry exactly as
+// transformPoint and rotateVector sum them.
+void transformPoints(const RT_<float>& rt, const float* in, float* out, int count);
+void rotateNormals(const RT_<float>& rt, const float* in, float* out, int count);
+
+// On map elements, eight at a time in vector registers: each component is
+// R0 x + (R1 y + (R2 z + t)), one fused multiply-add a step, and the tail is summed the same
+// way with std::fma, so these differ in the last bits from the forms above. With an exact
+// identity (rotation, plus translation for points) and in == out they do nothing.
+void transformPoints(const RT_<float>& pose, const Float3* in, Float3* out, int count);
+void rotateNormals(const RT_<float>& pose, const Float3* in, Float3* out, int count);
 
 }  // namespace kestor

@@ -37,27 +37,6 @@ void gatherColoredPoints(const Intrinsics& k, const ImageView<const float>& dept
     }
 }
 
-void transformPoints(const RT_<float>& rt, const float* in, float* out, int count) {
-    const float* R = rt.rotation;
-    const float* t = rt.translation;
-    for (int i = 0; i < count; ++i) {
-        const float x = in[3 * i], y = in[3 * i + 1], z = in[3 * i + 2];
-        out[3 * i + 0] = R[0] * x + R[1] * y + R[2] * z + t[0];
-        out[3 * i + 1] = R[3] * x + R[4] * y + R[5] * z + t[1];
-        out[3 * i + 2] = R[6] * x + R[7] * y + R[8] * z + t[2];
-    }
-}
-
-void rotateNormals(const RT_<float>& rt, const float* in, float* out, int count) {
-    const float* R = rt.rotation;
-    for (int i = 0; i < count; ++i) {
-        const float x = in[3 * i], y = in[3 * i + 1], z = in[3 * i + 2];
-        out[3 * i + 0] = R[0] * x + R[1] * y + R[2] * z;
-        out[3 * i + 1] = R[3] * x + R[4] * y + R[5] * z;
-        out[3 * i + 2] = R[6] * x + R[7] * y + R[8] * z;
-    }
-}
-
 void colorDepthToPoints(const Intrinsics& k, const ImageView<const float>& depth,
                         const ImageView<const Byte3>& color, const ImageView<const uint8_t>& mask,
                         const RT_<float>& rt, const PointsCallback& callback) {

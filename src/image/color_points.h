@@ -26,17 +26,13 @@ void gatherColoredPoints(const Intrinsics& k, const ImageView<const float>& dept
                          const ImageView<const Byte3>& color, const ImageView<const uint8_t>& mask,
                          ColoredPoints& out);
 
-// out = R p + t and out = R n for `count` packed 3-float entries, in single precision. `out` may
-// be `in`. Normals are not renormalised.
-void transformPoints(const RT_<float>& rt, const float* in, float* out, int count);
-void rotateNormals(const RT_<float>& rt, const float* in, float* out, int count);
-
 // Receives the transformed points, normals, colours (null without a colour image) and the count;
 // with nothing kept, count 0 and null pointers. The arrays live for the call only.
 using PointsCallback = std::function<void(const float* points, const float* normals,
                                           const uint8_t* colors, int count)>;
 
-// gatherColoredPoints, the pose applied in bulk to exactly sized arrays, then one call of
+// gatherColoredPoints, the pose applied in bulk (transformPoints and rotateNormals on packed
+// arrays, core/rigid_transform.h) to exactly sized arrays, then one call of
 // `callback`. Serial on the calling thread.
 void colorDepthToPoints(const Intrinsics& k, const ImageView<const float>& depth,
                         const ImageView<const Byte3>& color, const ImageView<const uint8_t>& mask,

@@ -4,6 +4,8 @@
 
 #include <limits>
 
+#include "core/fused_rows.h"
+
 namespace kestor {
 
 CorrespondenceLanes buildCorrespondenceLanes(const float* source, const float* target,
@@ -29,21 +31,10 @@ CorrespondenceLanes buildCorrespondenceLanes(const float* source, const float* t
     return lanes;
 }
 
-namespace {
-
-// R row i times (x, y, z), plus offset.
-inline __m256 rowTimes(const float* R, int i, __m256 x, __m256 y, __m256 z, __m256 offset) {
-    return _mm256_fmadd_ps(_mm256_set1_ps(R[i * 3]), x,
-                           _mm256_fmadd_ps(_mm256_set1_ps(R[i * 3 + 1]), y,
-                                           _mm256_fmadd_ps(_mm256_set1_ps(R[i * 3 + 2]), z,
-                                                           offset)));
-}
-
-}  // namespace
-
 int countInliers(const CorrespondenceLanes& lanes, const RT_<float>& rt, float radius2,
                  uint8_t* mask) {
-    const float* R = rt.rotation;
+    __m256 R[9];
+    broadcastRotation(rt.rotation, R);
     const __m256 limit = _mm256_set1_ps(radius2);
     const __m256 zero = _mm256_setzero_ps();
     __m256 t[3];
@@ -55,7 +46,7 @@ int countInliers(const CorrespondenceLanes& lanes, const RT_<float>& rt, float r
         const __m256 sz = _mm256_loadu_ps(&lanes.source[2][size_t(k)]);
         __m256 d2 = zero;
         for (int i = 0; i < 3; ++i) {
-            const __m256 e = _mm256_sub_ps(rowTimes(R, i, sx, sy, sz, t[i]),
+            const __m256 e = _mm256_sub_ps(fusedRow(R, i, sx, sy, sz, t[i]),
                                            _mm256_loadu_ps(&lanes.target[i][size_t(k)]));
             d2 = _mm256_fmadd_ps(e, e, d2);
         }
@@ -67,7 +58,7 @@ int countInliers(const CorrespondenceLanes& lanes, const RT_<float>& rt, float r
             const __m256 nz = _mm256_loadu_ps(&lanes.sourceNormal[2][size_t(k)]);
             __m256 cosine = zero;
             for (int i = 0; i < 3; ++i)
-                cosine = _mm256_fmadd_ps(rowTimes(R, i, nx, ny, nz, zero),
+                cosine = _mm256_fmadd_ps(fusedRow(R, i, nx, ny, nz, zero),
                                          _mm256_loadu_ps(&lanes.targetNormal[i][size_t(k)]),
                                          cosine);
             in = _mm256_and_ps(in, _mm256_cmp_ps(cosine, zero, _CMP_GT_OQ));

@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "core/normal_rows.h"
 #include "keypoint/descriptor_match.h"
 #include "keypoint/vec3.h"
 #include "pair/solve_dense.h"
@@ -31,16 +32,9 @@ int refineGemanMcClure(const float* source, const float* target, int n, RT_<floa
                                       {s * p.z, 0, -s * p.x, 0, -s, 0},
                                       {-s * p.y, s * p.x, 0, 0, 0, -s}};
             const float residual[3] = {s * e.x, s * e.y, s * e.z};
-            for (int r = 0; r < 3; ++r) {
-                for (int i = 0; i < 6; ++i) {
-                    const double ri = rows[r][i];
-                    for (int j = i; j < 6; ++j) JTJ[i * 6 + j] += ri * double(rows[r][j]);
-                    JTr[i] += ri * double(residual[r]);
-                }
-            }
+            for (int r = 0; r < 3; ++r) addNormalRow<6>(JTJ, JTr, rows[r], residual[r]);
         }
-        for (int i = 0; i < 6; ++i)
-            for (int j = 0; j < i; ++j) JTJ[i * 6 + j] = JTJ[j * 6 + i];
+        mirrorUpper<6>(JTJ);
         double u[6];
         solveDense(JTJ, JTr, u, 6);
 
@@ -48,7 +42,7 @@ int refineGemanMcClure(const float* source, const float* target, int n, RT_<floa
         float D[9];
         eulerToRotation<float>(float(-u[0]), float(-u[1]), float(-u[2]), D);
         float rotation[9];
-        multiply3x3(D, pose.rotation, rotation);
+        multiplyRotations(D, pose.rotation, rotation);
         const V moved = rotate(D, t);
         for (int i = 0; i < 9; ++i) pose.rotation[i] = rotation[i];
         pose.translation[0] = moved.x - float(u[3]);

@@ -15,7 +15,7 @@ void rodriguesRotation(const double w[3], float rotation[9]) {
     }
     const double K[9] = {0, -w[2], w[1], w[2], 0, -w[0], -w[1], w[0], 0};
     double K2[9];
-    multiply3x3(K, K, K2);
+    multiplyRotations(K, K, K2);
     for (int i = 0; i < 9; ++i)
         rotation[i] = float((i % 4 == 0 ? 1.0 : 0.0) + A * K[i] + B * K2[i]);
 }
@@ -48,7 +48,7 @@ RT_<float> alignTriangles(const float* s0, const float* s1, const float* s2, con
     rotationAbout(normalized(cross(ns, nt)), std::acos(dot(ns, nt)), R1);
     rotationAbout(normalized(V{nt.y, -nt.x, 0.0f}), std::acos(nt.z), R2);
     float R21[9];
-    multiply3x3(R2, R1, R21);
+    multiplyRotations(R2, R1, R21);
 
     // Both triangles in the plane z = 0 of the target's frame.
     float ux[3], uy[3], mx[3], my[3];
@@ -78,7 +78,7 @@ RT_<float> alignTriangles(const float* s0, const float* s1, const float* s2, con
     float R3[9];
     rotationAbout(nt, theta, R3);
     RT_<float> rt;
-    multiply3x3(R3, R1, rt.rotation);
+    multiplyRotations(R3, R1, rt.rotation);
     const V rc = rotate(rt.rotation, cs);
     rt.translation[0] = ct.x - rc.x;
     rt.translation[1] = ct.y - rc.y;

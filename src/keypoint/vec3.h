@@ -1,9 +1,12 @@
 #pragma once
 #include <cmath>
 
+#include "core/rigid_transform.h"
+
 namespace kestor {
 
-// Small 3-vector arithmetic for the key-point fits, in the precision of T.
+// Small 3-vector arithmetic for the key-point fits, in the precision of T. Rotations and their
+// products come from core/rigid_transform.h.
 template <typename T>
 struct Vec3 {
     T x, y, z;
@@ -39,18 +42,13 @@ inline Vec3<T> normalized(Vec3<T> a) {
     const T n = std::sqrt(dot(a, a));
     return n > T(0) ? (T(1) / n) * a : a;
 }
-// M * a for a row-major 3x3 M.
+// M * a for a row-major 3x3 M, summed as rotateVector sums it.
 template <typename T>
 inline Vec3<T> rotate(const T* M, Vec3<T> a) {
-    return {M[0] * a.x + M[1] * a.y + M[2] * a.z, M[3] * a.x + M[4] * a.y + M[5] * a.z,
-            M[6] * a.x + M[7] * a.y + M[8] * a.z};
-}
-// Row-major 3x3 product out = A * B; out may not alias.
-template <typename T>
-inline void multiply3x3(const T* A, const T* B, T* out) {
-    for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j)
-            out[i * 3 + j] = A[i * 3] * B[j] + A[i * 3 + 1] * B[3 + j] + A[i * 3 + 2] * B[6 + j];
+    const T in[3] = {a.x, a.y, a.z};
+    T out[3];
+    rotateVector(M, in, out);
+    return {out[0], out[1], out[2]};
 }
 
 }  // namespace kestor

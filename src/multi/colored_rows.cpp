@@ -4,7 +4,7 @@
 #include <cmath>
 #include <limits>
 
-#include "multi/normal_equations.h"
+#include "multi/row_sums.h"
 
 namespace kestor {
 
@@ -25,35 +25,27 @@ void PairRows::add(int32_t source, int32_t target, float rg, const float* geomet
     photometricRows.insert(photometricRows.end(), photometricRow, photometricRow + 6);
 }
 
-void ResidualStatsSlot::add(const PairRows& rows) {
+void addRowStats(ResidualStats& stats, const PairRows& rows) {
     for (size_t e = 0; e < rows.matches.size(); ++e) {
         const double rg = rows.geometricResiduals[e], rc = rows.photometricResiduals[e];
-        sumSquaresGeometric += rg * rg;
-        sumSquaresPhotometric += rc * rc;
-        sumGeometric += rg;
-        sumPhotometric += rc;
+        stats.sumSquaresG += rg * rg;
+        stats.sumSquaresC += rc * rc;
+        stats.sumG += rg;
+        stats.sumC += rc;
     }
-    count += int32_t(rows.matches.size());
+    stats.count += int32_t(rows.matches.size());
 }
 
-void ColoredScales::update(const std::vector<ResidualStatsSlot>& slots, double colorWeight) {
-    ResidualStatsSlot total;
-    for (const ResidualStatsSlot& s : slots) {
-        total.sumSquaresGeometric += s.sumSquaresGeometric;
-        total.sumSquaresPhotometric += s.sumSquaresPhotometric;
-        total.sumGeometric += s.sumGeometric;
-        total.sumPhotometric += s.sumPhotometric;
-        total.count += s.count;
-    }
+void ColoredScales::update(const std::vector<ResidualStats>& slots, double colorWeight) {
+    ResidualStats total{};
+    for (const ResidualStats& s : slots) addStats(total, s);
     const double c = double(total.count);
-    meanGeometric = total.sumGeometric / c;
-    meanPhotometric = total.sumPhotometric / c;
-    const double devG =
-        std::sqrt(total.sumSquaresGeometric / c - meanGeometric * meanGeometric) + 1e-6;
-    const double devC =
-        std::sqrt(total.sumSquaresPhotometric / c - meanPhotometric * meanPhotometric) + 1e-6;
+    const ResidualSpread g = residualSpread(total.sumG, total.sumSquaresG, c);
+    const ResidualSpread p = residualSpread(total.sumC, total.sumSquaresC, c);
+    meanGeometric = g.mean;
+    meanPhotometric = p.mean;
     // One root more than the deviation: a residual ends up divided by the deviation's root.
-    const double scaleG = std::sqrt(devG), scaleC = std::sqrt(devC);
+    const double scaleG = std::sqrt(g.deviation), scaleC = std::sqrt(p.deviation);
     const double c0 = std::min(1.0, std::max(0.0, colorWeight));
     weightGeometric = std::sqrt(1.0 - c0) / scaleG;
     weightPhotometric = std::sqrt(c0) / scaleC;
@@ -65,7 +57,7 @@ double pairRowsHessian(const PairRows& rows, const ColoredScales& scales, PairBl
     if (rows.empty()) return std::numeric_limits<double>::quiet_NaN();
     const float wg = float(scales.weightGeometric), wc = float(scales.weightPhotometric);
     const float meanG = float(scales.meanGeometric), meanC = float(scales.meanPhotometric);
-    NormalEquations<6> sums;
+    RowSums<6> sums;
     double error = 0.0;
     for (size_t e = 0; e < rows.matches.size(); ++e) {
         float jg[6], jc[6];
@@ -73,8 +65,8 @@ double pairRowsHessian(const PairRows& rows, const ColoredScales& scales, PairBl
             jg[a] = wg * rows.geometricRows[6 * e + size_t(a)];
             jc[a] = wc * rows.photometricRows[6 * e + size_t(a)];
         }
-        const float rg = (rows.geometricResiduals[e] - meanG) * wg;
-        const float rc = (rows.photometricResiduals[e] - meanC) * wc;
+        const float rg = centredResidual(rows.geometricResiduals[e], meanG, wg);
+        const float rc = centredResidual(rows.photometricResiduals[e], meanC, wc);
         sums.add(jg, rg);
         sums.add(jc, rc);
         error += double(rg) * double(rg) + double(rc) * double(rc);

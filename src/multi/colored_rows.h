@@ -7,6 +7,7 @@
 #include "multi/align_frames.h"
 #include "multi/multi_options.h"
 #include "multi/pair_pose.h"
+#include "pair/residual_scale.h"
 
 namespace kestor {
 
@@ -22,13 +23,8 @@ struct PairRows {
              const float* photometricRow);
 };
 
-struct ResidualStatsSlot {
-    double sumSquaresGeometric = 0, sumSquaresPhotometric = 0;
-    double sumGeometric = 0, sumPhotometric = 0;
-    int32_t count = 0;
-
-    void add(const PairRows& rows);
-};
+// Adds the residuals of a pair's rows to the sums (geometric as G, photometric as C).
+void addRowStats(ResidualStats& stats, const PairRows& rows);
 
 // One global scale per residual kind, from all qualifying pairs: each residual has the kind's
 // mean removed and is weighted by the square root of the kind's deviation, with colorWeight
@@ -37,7 +33,7 @@ struct ColoredScales {
     double meanGeometric = 0, meanPhotometric = 0;
     double weightGeometric = 0, weightPhotometric = 0;
 
-    void update(const std::vector<ResidualStatsSlot>& slots, double colorWeight);
+    void update(const std::vector<ResidualStats>& slots, double colorWeight);
 };
 
 // The second pass: the pair's blocks from its stored rows, one-sided as the point-to-plane
@@ -52,7 +48,7 @@ template <typename Collect>
 void collectAllPairs(const FramePair* pairs, const unsigned char* active, int count,
                      std::vector<PairRows>& storage, double minScore, double colorWeight,
                      bool parallel, ColoredScales& scales, Collect&& collect) {
-    std::vector<ResidualStatsSlot> slots(size_t(loopSlots(parallel)));
+    std::vector<ResidualStats> slots(size_t(loopSlots(parallel)), ResidualStats{});
     runLoop(parallel, 0, count, [&](int begin, int end, int slot) {
         for (int k = begin; k < end; ++k) {
             if (!active[k]) continue;
@@ -61,7 +57,7 @@ void collectAllPairs(const FramePair* pairs, const unsigned char* active, int co
             rows.clear();
             const double score = collect(i, j, rows);
             if (score > minScore)
-                slots[size_t(slot)].add(rows);
+                addRowStats(slots[size_t(slot)], rows);
             else
                 rows.clear();
         }

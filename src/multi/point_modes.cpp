@@ -8,7 +8,7 @@
 
 #include "multi/align_frames.h"
 #include "multi/colored_rows.h"
-#include "multi/normal_equations.h"
+#include "multi/row_sums.h"
 #include "multi/pair_pose.h"
 #include "pair/point_set_math.h"
 
@@ -35,7 +35,7 @@ int32_t matchWithNormal(const PointFrame& target, const PointFrame& source, int 
                                     test.radiusSq, moved);
     if (c < 0) return -1;
     float m[3];
-    rotatePoint(T.rotation, source.normals + 3 * size_t(s), m);
+    rotateVector(T.rotation, source.normals + 3 * size_t(s), m);
     return dot3(target.normals + 3 * size_t(c), m) > test.cosMaxAngle ? c : -1;
 }
 
@@ -109,7 +109,7 @@ bool alignPointNormals(const std::vector<PointFrame>& frames, std::vector<RT_<do
         std::vector<int32_t>& corr = matches[size_t(pairSlot(i, j))];
         corr.assign(size_t(source.count), -1);
         const RT_<float> T = relativePose(poseI, poseJ);
-        NormalEquations<6> sums;
+        RowSums<6> sums;
         double error = 0.0;
         int kept = 0;
         for (int s = 0; s < source.count; ++s) {

@@ -13,11 +13,6 @@ inline const T& atFlat(const ImageView<const T>& view, int index) {
     return rowOf(view, index / view.width)[index % view.width];
 }
 
-template <typename T>
-inline bool isPacked(const ImageView<T>& view) {
-    return view.stride <= 0 || view.stride == view.width * int(sizeof(T));
-}
-
 inline bool isZero(const Float3& v) { return v.x == 0.0f && v.y == 0.0f && v.z == 0.0f; }
 
 struct ProjectiveTest {
@@ -46,7 +41,7 @@ double associateProjective(const ImageView<const Float3>& sourceV,
             if (test.useNormals ? (p.z == 0.0f || isZero(nRow[col])) : !(p.z > 0.0f)) continue;
             ++valid;
             float pt[3];
-            applyRT(T, &p.x, pt);
+            transformPoint(T, &p.x, pt);
             const float u = k.fx * pt[0] / pt[2] + k.cx;
             const float v = k.fy * pt[1] / pt[2] + k.cy;
             // Written so that NaN and values past the image fail before any conversion.
@@ -63,7 +58,7 @@ double associateProjective(const ImageView<const Float3>& sourceV,
             if (!(dx * dx + dy * dy + dz * dz < test.maxDistanceSq)) continue;
             if (test.useNormals) {
                 float m[3];
-                applyRotation(T, &nRow[col].x, m);
+                rotateVector(T.rotation, &nRow[col].x, m);
                 if (!(n->x * m[0] + n->y * m[1] + n->z * m[2] > test.cosMaxAngle)) continue;
             }
             ++kept;

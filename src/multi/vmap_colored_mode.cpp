@@ -51,7 +51,7 @@ bool alignVmapNmapsColored(const std::vector<FrameMaps>& frames, const Intrinsic
             const Float3& p = atFlat(source.vmap, m.first);
             const Float3 &q = atFlat(target.vmap, m.second), &n = atFlat(target.nmap, m.second);
             float pt[3];
-            applyRT(T, &p.x, pt);
+            transformPoint(T, &p.x, pt);
             rg = (pt[0] - q.x) * n.x + (pt[1] - q.y) * n.y + (pt[2] - q.z) * n.z;
             rc = atFlat(target.gray, m.second) - atFlat(source.gray, m.first);
         });

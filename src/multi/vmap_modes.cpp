@@ -5,7 +5,7 @@
 #include <limits>
 
 #include "multi/align_frames.h"
-#include "multi/normal_equations.h"
+#include "multi/row_sums.h"
 #include "multi/projective_association.h"
 #include "multi/vmap_modes.h"
 
@@ -55,6 +55,50 @@ double associatePair(const std::vector<FrameMaps>& frames, std::vector<int>& cor
         });
 }
 
+// The blocks of one pair for a form whose rows have N entries: each match of the association
+// goes to addMatch(p', q, n, sums, error), which adds its rows and squared residuals; fill turns
+// the mirrored sums into the pair's blocks. A pair at or below minScore gives NaN.
+template <int N, typename AddMatch>
+PairLinearize linearizeWith(const std::vector<FrameMaps>& frames,
+                            std::vector<std::vector<int>>& matches, const Intrinsics& k,
+                            const ProjectiveTest& test, double minScore,
+                            void (*fill)(const RowSums<N>&, PairBlock&, PairBlock&, PairBlock&,
+                                         PairVector&, PairVector&),
+                            AddMatch addMatch) {
+    return [&frames, &matches, &k, test, minScore, fill, addMatch](
+               int i, int j, const RT_<double>& poseI, const RT_<double>& poseJ, PairBlock& hII,
+               PairBlock& hIJ, PairBlock& hJJ, PairVector& gI, PairVector& gJ) {
+        RowSums<N> sums;
+        double error = 0.0;
+        const double score = associatePair(
+            frames, matches[size_t(pairSlot(i, j))], i, j, poseI, poseJ, k, test,
+            [&](const float* p, const Float3& q, const Float3* n) { addMatch(p, q, n, sums, error); });
+        if (!(score > minScore)) return kNotQualified;
+        sums.mirror();
+        fill(sums, hII, hIJ, hJJ, gI, gJ);
+        return error;
+    };
+}
+
+// The trial error of one pair over its stored correspondences: each source vertex moved by the
+// relative pose that `relative` forms, then term(target, p', target index).
+template <typename Term>
+PairEvaluate evaluateWith(const std::vector<FrameMaps>& frames,
+                          const std::vector<std::vector<int>>& matches,
+                          RT_<float> (*relative)(const RT_<double>&, const RT_<double>&), Term term) {
+    return [&frames, &matches, relative, term](int i, int j, const RT_<double>& poseI,
+                                               const RT_<double>& poseJ) {
+        const RT_<float> T = relative(poseI, poseJ);
+        const FrameMaps& target = frames[size_t(i)];
+        return sumOverCorrespondences(frames[size_t(j)], matches[size_t(pairSlot(i, j))],
+                                      [&](const Float3& p, int c) {
+                                          float pt[3];
+                                          transformPoint(T, &p.x, pt);
+                                          return term(target, pt, c);
+                                      });
+    };
+}
+
 }  // namespace
 
 bool alignVmaps(const std::vector<FrameMaps>& frames, const Intrinsics& k,
@@ -65,44 +109,26 @@ bool alignVmaps(const std::vector<FrameMaps>& frames, const Intrinsics& k,
     std::vector<std::vector<int>> matches(size_t(pairSlotCount(count)));
     const ProjectiveTest test = projectiveTest(options, false);
 
-    PairLinearize linearize = [&](int i, int j, const RT_<double>& poseI,
-                                  const RT_<double>& poseJ, PairBlock& hII, PairBlock& hIJ,
-                                  PairBlock& hJJ, PairVector& gI, PairVector& gJ) {
-        NormalEquations<12> sums;
-        double error = 0.0;
-        const double score = associatePair(
-            frames, matches[size_t(pairSlot(i, j))], i, j, poseI, poseJ, k, test,
-            [&](const float* p, const Float3& q, const Float3*) {
-                const float e[3] = {p[0] - q.x, p[1] - q.y, p[2] - q.z};
-                // Target rows, then source rows, both in the target frame.
-                const float rows[3][12] = {
-                    {0, -q.z, q.y, -1, 0, 0, 0, p[2], -p[1], 1, 0, 0},
-                    {q.z, 0, -q.x, 0, -1, 0, -p[2], 0, p[0], 0, 1, 0},
-                    {-q.y, q.x, 0, 0, 0, -1, p[1], -p[0], 0, 0, 0, 1}};
-                for (int a = 0; a < 3; ++a) {
-                    sums.add(rows[a], e[a]);
-                    error += double(e[a]) * double(e[a]);
-                }
-            });
-        if (!(score > options.minScore)) return kNotQualified;
-        sums.mirror();
-        fillTwoSided(sums, hII, hIJ, hJJ, gI, gJ);
-        return error;
-    };
+    const PairLinearize linearize = linearizeWith<12>(
+        frames, matches, k, test, options.minScore, fillTwoSided,
+        [](const float* p, const Float3& q, const Float3*, RowSums<12>& sums, double& error) {
+            const float e[3] = {p[0] - q.x, p[1] - q.y, p[2] - q.z};
+            // Target rows, then source rows, both in the target frame.
+            const float rows[3][12] = {{0, -q.z, q.y, -1, 0, 0, 0, p[2], -p[1], 1, 0, 0},
+                                       {q.z, 0, -q.x, 0, -1, 0, -p[2], 0, p[0], 0, 1, 0},
+                                       {-q.y, q.x, 0, 0, 0, -1, p[1], -p[0], 0, 0, 0, 1}};
+            for (int a = 0; a < 3; ++a) {
+                sums.add(rows[a], e[a]);
+                error += double(e[a]) * double(e[a]);
+            }
+        });
 
-    PairEvaluate evaluate = [&](int i, int j, const RT_<double>& poseI, const RT_<double>& poseJ) {
-        const RT_<float> T = relativePose(poseI, poseJ);
-        const FrameMaps& target = frames[size_t(i)];
-        return sumOverCorrespondences(
-            frames[size_t(j)], matches[size_t(pairSlot(i, j))],
-            [&](const Float3& p, int c) {
-                float pt[3];
-                applyRT(T, &p.x, pt);
-                const Float3& q = atFlat(target.vmap, c);
-                const double dx = pt[0] - q.x, dy = pt[1] - q.y, dz = pt[2] - q.z;
-                return dx * dx + dy * dy + dz * dz;
-            });
-    };
+    const PairEvaluate evaluate = evaluateWith(
+        frames, matches, relativePose, [](const FrameMaps& target, const float* pt, int c) {
+            const Float3& q = atFlat(target.vmap, c);
+            const double dx = pt[0] - q.x, dy = pt[1] - q.y, dz = pt[2] - q.z;
+            return dx * dx + dy * dy + dz * dz;
+        });
 
     return alignFrames(linearize, evaluate, poses.data(), count, options.iterations,
                        options.refreshInterval, options.log, false, progress, PairsChanged(),
@@ -117,39 +143,22 @@ bool alignVmapNmaps(const std::vector<FrameMaps>& frames, const Intrinsics& k,
     std::vector<std::vector<int>> matches(size_t(pairSlotCount(count)));
     const ProjectiveTest test = projectiveTest(options, true);
 
-    PairLinearize linearize = [&](int i, int j, const RT_<double>& poseI,
-                                  const RT_<double>& poseJ, PairBlock& hII, PairBlock& hIJ,
-                                  PairBlock& hJJ, PairVector& gI, PairVector& gJ) {
-        NormalEquations<6> sums;
-        double error = 0.0;
-        const double score = associatePair(
-            frames, matches[size_t(pairSlot(i, j))], i, j, poseI, poseJ, k, test,
-            [&](const float* p, const Float3& q, const Float3* n) {
-                const float r = (p[0] - q.x) * n->x + (p[1] - q.y) * n->y + (p[2] - q.z) * n->z;
-                float row[6];
-                crossRow(p, &n->x, row);
-                sums.add(row, r);
-                error += double(r) * double(r);
-            });
-        if (!(score > options.minScore)) return kNotQualified;
-        sums.mirror();
-        fillOneSided(sums, hII, hIJ, hJJ, gI, gJ);
-        return error;
-    };
+    const PairLinearize linearize = linearizeWith<6>(
+        frames, matches, k, test, options.minScore, fillOneSided,
+        [](const float* p, const Float3& q, const Float3* n, RowSums<6>& sums, double& error) {
+            const float r = (p[0] - q.x) * n->x + (p[1] - q.y) * n->y + (p[2] - q.z) * n->z;
+            float row[6];
+            crossRow(p, &n->x, row);
+            sums.add(row, r);
+            error += double(r) * double(r);
+        });
 
-    PairEvaluate evaluate = [&](int i, int j, const RT_<double>& poseI, const RT_<double>& poseJ) {
-        const RT_<float> T = relativePoseInFloat(poseI, poseJ);
-        const FrameMaps& target = frames[size_t(i)];
-        return sumOverCorrespondences(
-            frames[size_t(j)], matches[size_t(pairSlot(i, j))],
-            [&](const Float3& p, int c) {
-                float pt[3];
-                applyRT(T, &p.x, pt);
-                const Float3 &q = atFlat(target.vmap, c), &n = atFlat(target.nmap, c);
-                const double r = (pt[0] - q.x) * n.x + (pt[1] - q.y) * n.y + (pt[2] - q.z) * n.z;
-                return r * r;
-            });
-    };
+    const PairEvaluate evaluate = evaluateWith(
+        frames, matches, relativePoseInFloat, [](const FrameMaps& target, const float* pt, int c) {
+            const Float3 &q = atFlat(target.vmap, c), &n = atFlat(target.nmap, c);
+            const double r = (pt[0] - q.x) * n.x + (pt[1] - q.y) * n.y + (pt[2] - q.z) * n.z;
+            return r * r;
+        });
 
     return alignFrames(linearize, evaluate, poses.data(), count, options.iterations,
                        options.refreshInterval, options.log, true, progress, PairsChanged(),

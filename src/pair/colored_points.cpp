@@ -43,7 +43,7 @@ double linearizeColoredPoints(const PointIndex& index, const float* targetNormal
         int32_t c = nearestTarget(index, pose, p, radiusSq, moved);
         if (c >= 0) {
             float movedNormal[3];
-            rotatePoint(R, sourceNormals + 3 * i, movedNormal);
+            rotateVector(R, sourceNormals + 3 * i, movedNormal);
             if (!(dot3(targetNormals + 3 * size_t(c), movedNormal) > cosMaxAngle)) c = -1;
         }
         out.correspondences[i] = c;

@@ -73,7 +73,7 @@ double calcPointMatchScore(const PointIndex& index, const float* normals1, const
         if (c < 0) continue;
         if (useNormals) {
             float movedNormal[3];
-            rotatePoint(pose.rotation, normals2 + 3 * size_t(i), movedNormal);
+            rotateVector(pose.rotation, normals2 + 3 * size_t(i), movedNormal);
             if (cosMaxAngle > dot3(normals1 + 3 * size_t(c), movedNormal)) continue;
         }
         sums.add(moved);
@@ -118,7 +118,7 @@ double calcVmapMatchScore(const ImageView<const Float3>& vmap1, const ImageView<
             if (!(dx * dx + dy * dy + dz * dz < double(radiusSq))) continue;
             if (useNormals) {
                 float movedNormal[3];
-                rotatePoint(pose.rotation, &sourceNormals[x].x, movedNormal);
+                rotateVector(pose.rotation, &sourceNormals[x].x, movedNormal);
                 if (!(dot3(&rowOf(nmap1, iv)[iu].x, movedNormal) > cosMaxAngle)) continue;
             }
             sums.add(moved);

@@ -22,17 +22,14 @@ AssociationLimits limitsFor(double maxDistance, double maxAngle) {
 template <bool PlaneForm>
 double rigidTrialError(const CompactSource& source, const PairArrays& pairs,
                        const RT_<float>& candidate, int begin, int end) {
-    const float* R = candidate.rotation;
-    const float* t = candidate.translation;
     double sum = 0.0;
     for (int i = begin; i < end; ++i) {
         const size_t j = size_t(i);
         if (!pairs.matchFlags[j]) continue;
         const Float3& p = source.points[j];
         const Float3& q = pairs.pairPoints[j];
-        const float dx = R[0] * p.x + R[1] * p.y + R[2] * p.z + t[0] - q.x;
-        const float dy = R[3] * p.x + R[4] * p.y + R[5] * p.z + t[1] - q.y;
-        const float dz = R[6] * p.x + R[7] * p.y + R[8] * p.z + t[2] - q.z;
+        const Float3 moved = transformPoint(candidate, p);
+        const float dx = moved.x - q.x, dy = moved.y - q.y, dz = moved.z - q.z;
         if (PlaneForm) {
             const Float3& n = pairs.pairNormals[j];
             const double r = double(dx * n.x + dy * n.y + dz * n.z);

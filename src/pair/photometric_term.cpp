@@ -12,15 +12,13 @@ ColorBalance colorBalance(double colorWeight) {
 
 PhotometricScale photometricScale(const ResidualStats& total, const ColorBalance& balance) {
     const double n = double(total.count);
-    const double meanG = total.sumG / n, meanC = total.sumC / n;
-    // A slightly negative variance from rounding gives NaN; the 1e-6 only keeps a zero finite.
-    const double devG = std::sqrt(total.sumSquaresG / n - meanG * meanG) + 1e-6;
-    const double devC = std::sqrt(total.sumSquaresC / n - meanC * meanC) + 1e-6;
+    const ResidualSpread g = residualSpread(total.sumG, total.sumSquaresG, n);
+    const ResidualSpread c = residualSpread(total.sumC, total.sumSquaresC, n);
     PhotometricScale s;
-    s.meanG = float(meanG);
-    s.meanC = float(meanC);
-    s.weightG = balance.b / float(devG);
-    s.weightC = balance.a / float(devC);
+    s.meanG = float(g.mean);
+    s.meanC = float(c.mean);
+    s.weightG = balance.b / float(g.deviation);
+    s.weightC = balance.a / float(c.deviation);
     return s;
 }
 
@@ -36,7 +34,7 @@ void addColoredRows(const Intrinsics& k, const PairArrays& pairs, const Float3* 
         const float wg = s.weightG;
         const float Jg[6] = {wg * (y * n.z - z * n.y), wg * (z * n.x - x * n.z),
                              wg * (x * n.y - y * n.x), wg * n.x, wg * n.y, wg * n.z};
-        const float eg = (pairs.residualG[j] - s.meanG) * wg;
+        const float eg = centredResidual(pairs.residualG[j], s.meanG, wg);
         addRow(ne, Jg, eg);
         ne.errorSum += double(eg) * double(eg);
 
@@ -51,7 +49,7 @@ void addColoredRows(const Intrinsics& k, const PairArrays& pairs, const Float3* 
                              wc * (A / z),
                              wc * (B / z),
                              wc * (-x * A / z2 - y * B / z2)};
-        const float ec = (pairs.residualC[j] - s.meanC) * wc;
+        const float ec = centredResidual(pairs.residualC[j], s.meanC, wc);
         addRow(ne, Jc, ec);
         ne.errorSum += double(ec) * double(ec);
         ne.matchCount += 1;
@@ -61,26 +59,22 @@ void addColoredRows(const Intrinsics& k, const PairArrays& pairs, const Float3* 
 double coloredTrialError(const Intrinsics& k, const PairArrays& pairs, const Float3* movedPoints,
                          const float* sourceGray, const RT_<float>& delta,
                          const PhotometricScale& sc, int begin, int end) {
-    const float* R = delta.rotation;
-    const float* t = delta.translation;
     double sum = 0.0;
     for (int i = begin; i < end; ++i) {
         const size_t j = size_t(i);
         if (!pairs.matchFlags[j]) continue;
         const Float3& p = movedPoints[i];
-        const Float3 s{R[0] * p.x + R[1] * p.y + R[2] * p.z + t[0],
-                       R[3] * p.x + R[4] * p.y + R[5] * p.z + t[1],
-                       R[6] * p.x + R[7] * p.y + R[8] * p.z + t[2]};
+        const Float3 s = transformPoint(delta, p);
         const Float3& q = pairs.pairPoints[j];
         const Float3& n = pairs.pairNormals[j];
         const float rg = (s.x - q.x) * n.x + (s.y - q.y) * n.y + (s.z - q.z) * n.z;
-        const float eg = (rg - sc.meanG) * sc.weightG;
+        const float eg = centredResidual(rg, sc.meanG, sc.weightG);
         // The pixel of the association, from the point as it was moved this iteration.
         const float iu = std::round((k.fx * p.x) / p.z + k.cx);
         const float iv = std::round((k.fy * p.y) / p.z + k.cy);
         const float rc = pairs.pairGray[j] + ((s.x * k.fx) / s.z + k.cx - iu) * pairs.pairGradX[j] +
                          ((s.y * k.fy) / s.z + k.cy - iv) * pairs.pairGradY[j] - sourceGray[i];
-        const float ec = (rc - sc.meanC) * sc.weightC;
+        const float ec = centredResidual(rc, sc.meanC, sc.weightC);
         sum += double(eg) * double(eg) + double(ec) * double(ec);
     }
     return sum;

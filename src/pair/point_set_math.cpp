@@ -2,13 +2,9 @@
 
 #include <algorithm>
 
-namespace kestor {
+#include "core/normal_rows.h"
 
-RT_<float> invertPoseFloat(const RT_<float>& T) {
-    RT_<float> r;
-    invertRT(T, r);
-    return r;
-}
+namespace kestor {
 
 void clearLinearization(PointLinearization& out) {
     std::fill(out.hessianTT, out.hessianTT + 36, 0.0);
@@ -20,14 +16,10 @@ void clearLinearization(PointLinearization& out) {
 }
 
 void mirrorLinearization(PointLinearization& out) {
-    for (int i = 0; i < 6; ++i) {
-        for (int j = 0; j < i; ++j) {
-            out.hessianTT[i * 6 + j] = out.hessianTT[j * 6 + i];
-            // Kept symmetric on purpose, although the true cross block is not.
-            out.hessianTS[i * 6 + j] = out.hessianTS[j * 6 + i];
-            out.hessianSS[i * 6 + j] = out.hessianSS[j * 6 + i];
-        }
-    }
+    mirrorUpper<6>(out.hessianTT);
+    // Kept symmetric on purpose, although the true cross block is not.
+    mirrorUpper<6>(out.hessianTS);
+    mirrorUpper<6>(out.hessianSS);
 }
 
 }  // namespace kestor

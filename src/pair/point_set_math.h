@@ -7,19 +7,6 @@
 
 namespace kestor {
 
-inline void rotatePoint(const float* R, const float* p, float* out) {
-    out[0] = R[0] * p[0] + R[1] * p[1] + R[2] * p[2];
-    out[1] = R[3] * p[0] + R[4] * p[1] + R[5] * p[2];
-    out[2] = R[6] * p[0] + R[7] * p[1] + R[8] * p[2];
-}
-
-inline void transformPoint(const RT_<float>& T, const float* p, float* out) {
-    rotatePoint(T.rotation, p, out);
-    out[0] += T.translation[0];
-    out[1] += T.translation[1];
-    out[2] += T.translation[2];
-}
-
 inline float dot3(const float* a, const float* b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
 
 inline void cross3(const float* a, const float* b, float* out) {
@@ -27,9 +14,6 @@ inline void cross3(const float* a, const float* b, float* out) {
     out[1] = a[2] * b[0] - a[0] * b[2];
     out[2] = a[0] * b[1] - a[1] * b[0];
 }
-
-// Inverse of a float pose: rotation by cofactors (not the transpose), t' = -R' t.
-RT_<float> invertPoseFloat(const RT_<float>& T);
 
 // The row (dir . R(ex x p), dir . R(ey x p), dir . R(ez x p), R^T dir): how a residual
 // dir . (R p + ...) answers a correction applied to p before R.

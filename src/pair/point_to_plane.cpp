@@ -14,7 +14,8 @@ double linearizePointToPlane(const PointIndex& index, const float* targetNormals
     clearLinearization(out);
     const float radiusSq = float(maxDistance * maxDistance);
     const float cosMaxAngle = float(std::cos(maxAngle));
-    const RT_<float> inverse = invertPoseFloat(pose);
+    RT_<float> inverse;
+    invertRT(pose, inverse);
     const float* targets = index.points();
     double sumSquares = 0.0;
     int matched = 0;
@@ -25,7 +26,7 @@ double linearizePointToPlane(const PointIndex& index, const float* targetNormals
         int32_t c = nearestTarget(index, pose, p, radiusSq, moved);
         if (c >= 0) {
             float movedNormal[3];
-            rotatePoint(pose.rotation, m, movedNormal);
+            rotateVector(pose.rotation, m, movedNormal);
             if (!(dot3(targetNormals + 3 * size_t(c), movedNormal) > cosMaxAngle)) c = -1;
         }
         out.correspondences[size_t(i)] = c;
@@ -61,7 +62,8 @@ double linearizePointToPlane(const PointIndex& index, const float* targetNormals
 double pointToPlaneError(const float* targetPoints, const float* targetNormals, int targetCount,
                          const float* sourcePoints, const float* sourceNormals, int sourceCount,
                          const RT_<float>& pose, const int32_t* correspondences) {
-    const RT_<float> inverse = invertPoseFloat(pose);
+    RT_<float> inverse;
+    invertRT(pose, inverse);
     double sum = 0.0;
     for (int i = 0; i < sourceCount; ++i) {
         const int32_t c = correspondences[i];

@@ -1,7 +1,5 @@
 #include "pair/projective_association.h"
 
-#include <immintrin.h>
-
 #include <cmath>
 
 namespace kestor {
@@ -23,19 +21,6 @@ struct MapReader {
     }
 };
 
-inline Float3 transform(const RT_<float>& rt, const Float3& p) {
-    const float* r = rt.rotation;
-    return Float3{r[0] * p.x + r[1] * p.y + r[2] * p.z + rt.translation[0],
-                  r[3] * p.x + r[4] * p.y + r[5] * p.z + rt.translation[1],
-                  r[6] * p.x + r[7] * p.y + r[8] * p.z + rt.translation[2]};
-}
-
-inline Float3 rotate(const RT_<float>& rt, const Float3& m) {
-    const float* r = rt.rotation;
-    return Float3{r[0] * m.x + r[1] * m.y + r[2] * m.z, r[3] * m.x + r[4] * m.y + r[5] * m.z,
-                  r[6] * m.x + r[7] * m.y + r[8] * m.z};
-}
-
 // The pixel of the point and plane forms is trunc(c + 0.5). The sum is compared with the size as
 // a float before it is converted, which is the same test as iu < size and keeps far-off
 // projections from overflowing the conversion. `strict` rejects c == 0, as the plane form does.
@@ -52,7 +37,7 @@ inline bool nearestPixel(float c, int size, bool strict, int& pixel) {
 inline bool projectToTarget(const Intrinsics& k, const RT_<float>& pose, const Float3& source,
                             const MapReader<Float3>& vmap, int W, int H, bool strict, Float3& p,
                             int& iu, int& iv, Float3& q) {
-    p = transform(pose, source);
+    p = transformPoint(pose, source);
     const float u = (p.x * k.fx) / p.z + k.cx;
     const float v = (p.y * k.fy) / p.z + k.cy;
     if (!nearestPixel(u, W, strict, iu) || !nearestPixel(v, H, strict, iv)) return false;
@@ -183,7 +168,7 @@ void associatePlane(const Intrinsics& k, const TargetMaps& target, const Compact
         Float3 d;
         const double d2 = squaredDistance(p, q, d);
         if (!(limits.maxDistanceSquared > d2)) continue;
-        const Float3 m = rotate(pose, source.normals[size_t(i)]);
+        const Float3 m = rotateVector(pose, source.normals[size_t(i)]);
         const float cosine = n.x * m.x + n.y * m.y + n.z * m.z;
         if (!(double(cosine) > limits.cosMaxAngle)) continue;
 
@@ -242,63 +227,6 @@ void associateColored(const Intrinsics& k, const TargetMaps& target, const Float
         stats.sumSquaresG += double(rg * rg);
         stats.sumSquaresC += double(rc * rc);
     }
-}
-
-namespace {
-
-bool isIdentityRotation(const RT_<float>& rt) {
-    const float* r = rt.rotation;
-    return r[0] == 1.0f && r[1] == 0.0f && r[2] == 0.0f && r[3] == 0.0f && r[4] == 1.0f &&
-           r[5] == 0.0f && r[6] == 0.0f && r[7] == 0.0f && r[8] == 1.0f;
-}
-
-// out = R in (+ t), eight elements a round in registers, the tail one by one.
-template <bool Translate>
-void moveBulk(const RT_<float>& rt, const Float3* in, Float3* out, int count) {
-    const float* r = rt.rotation;
-    const float t0 = Translate ? rt.translation[0] : 0.0f;
-    const float t1 = Translate ? rt.translation[1] : 0.0f;
-    const float t2 = Translate ? rt.translation[2] : 0.0f;
-    __m256 R[9];
-    for (int i = 0; i < 9; ++i) R[i] = _mm256_set1_ps(r[i]);
-    const __m256 T0 = _mm256_set1_ps(t0), T1 = _mm256_set1_ps(t1), T2 = _mm256_set1_ps(t2);
-    int i = 0;
-    for (; i + 8 <= count; i += 8) {
-        alignas(32) float xs[8], ys[8], zs[8];
-        for (int j = 0; j < 8; ++j) {
-            xs[j] = in[i + j].x;
-            ys[j] = in[i + j].y;
-            zs[j] = in[i + j].z;
-        }
-        const __m256 x = _mm256_load_ps(xs), y = _mm256_load_ps(ys), z = _mm256_load_ps(zs);
-        const __m256 ox = _mm256_fmadd_ps(R[0], x, _mm256_fmadd_ps(R[1], y, _mm256_fmadd_ps(R[2], z, T0)));
-        const __m256 oy = _mm256_fmadd_ps(R[3], x, _mm256_fmadd_ps(R[4], y, _mm256_fmadd_ps(R[5], z, T1)));
-        const __m256 oz = _mm256_fmadd_ps(R[6], x, _mm256_fmadd_ps(R[7], y, _mm256_fmadd_ps(R[8], z, T2)));
-        _mm256_store_ps(xs, ox);
-        _mm256_store_ps(ys, oy);
-        _mm256_store_ps(zs, oz);
-        for (int j = 0; j < 8; ++j) out[i + j] = Float3{xs[j], ys[j], zs[j]};
-    }
-    for (; i < count; ++i) {
-        const Float3 p = in[i];
-        out[i] = Float3{std::fma(r[0], p.x, std::fma(r[1], p.y, std::fma(r[2], p.z, t0))),
-                        std::fma(r[3], p.x, std::fma(r[4], p.y, std::fma(r[5], p.z, t1))),
-                        std::fma(r[6], p.x, std::fma(r[7], p.y, std::fma(r[8], p.z, t2)))};
-    }
-}
-
-}  // namespace
-
-void transformPoints(const RT_<float>& pose, const Float3* in, Float3* out, int count) {
-    const float* t = pose.translation;
-    if (in == out && isIdentityRotation(pose) && t[0] == 0.0f && t[1] == 0.0f && t[2] == 0.0f)
-        return;
-    moveBulk<true>(pose, in, out, count);
-}
-
-void rotateNormals(const RT_<float>& pose, const Float3* in, Float3* out, int count) {
-    if (in == out && isIdentityRotation(pose)) return;
-    moveBulk<false>(pose, in, out, count);
 }
 
 }  // namespace kestor

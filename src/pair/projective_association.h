@@ -61,9 +61,4 @@ void associateColored(const Intrinsics& k, const TargetMaps& target, const Float
                       const AssociationLimits& limits, PairArrays& pairs, int begin, int end,
                       ResidualStats& stats);
 
-// Bulk moves of the coloured form, 8 at a time with fused multiply-add. With an exact identity
-// (rotation, plus translation for points) and in == out they do nothing.
-void transformPoints(const RT_<float>& pose, const Float3* in, Float3* out, int count);
-void rotateNormals(const RT_<float>& pose, const Float3* in, Float3* out, int count);
-
 }  // namespace kestor

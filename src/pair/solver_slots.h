@@ -3,6 +3,9 @@
 #include <cstring>
 #include <vector>
 
+#include "core/normal_rows.h"
+#include "pair/residual_scale.h"
+
 namespace kestor {
 
 // One slot's share of the Gauss-Newton system of a pair solver. Only the upper triangle of the
@@ -14,17 +17,8 @@ struct NormalEquations {
     int32_t matchCount;
 };
 
-// Sums over the accepted pairs of one slot, from which the photometric term takes the means and
-// deviations of both kinds of residual.
-struct ResidualStats {
-    double sumSquaresG;
-    double sumSquaresC;
-    double sumG;
-    double sumC;
-    int32_t count;
-};
-
-// Everything one thread accumulates, on its own cache lines so that slots do not share them.
+// Everything one thread accumulates (its ResidualStats are the sums over its accepted pairs, from
+// which the photometric term takes the means and deviations of both kinds of residual), on its own cache lines so that slots do not share them.
 struct alignas(64) SolverSlot {
     NormalEquations equations;
     ResidualStats stats;
@@ -45,20 +39,12 @@ inline void reduceEquations(std::vector<SolverSlot>& slots) {
         total.errorSum += e.errorSum;
         total.matchCount += e.matchCount;
     }
-    for (int r = 1; r < 6; ++r)
-        for (int c = 0; c < r; ++c) total.hessian[r * 6 + c] = total.hessian[c * 6 + r];
+    mirrorUpper<6>(total.hessian);
 }
 
 inline void reduceStats(std::vector<SolverSlot>& slots) {
     ResidualStats& total = slots[0].stats;
-    for (size_t s = 1; s < slots.size(); ++s) {
-        const ResidualStats& e = slots[s].stats;
-        total.sumSquaresG += e.sumSquaresG;
-        total.sumSquaresC += e.sumSquaresC;
-        total.sumG += e.sumG;
-        total.sumC += e.sumC;
-        total.count += e.count;
-    }
+    for (size_t s = 1; s < slots.size(); ++s) addStats(total, slots[s].stats);
 }
 
 inline double reduceTrialError(const std::vector<SolverSlot>& slots) {
@@ -69,12 +55,7 @@ inline double reduceTrialError(const std::vector<SolverSlot>& slots) {
 
 // Adds J J^T to the upper triangle and J r to the gradient, each product formed in double.
 inline void addRow(NormalEquations& ne, const float* J, float r) {
-    double j[6];
-    for (int i = 0; i < 6; ++i) j[i] = double(J[i]);
-    for (int i = 0; i < 6; ++i) {
-        for (int k = i; k < 6; ++k) ne.hessian[i * 6 + k] += j[i] * j[k];
-        ne.gradient[i] += j[i] * double(r);
-    }
+    addNormalRow<6>(ne.hessian, ne.gradient, J, r);
 }
 
 }  // namespace kestor
