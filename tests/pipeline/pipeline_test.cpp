@@ -261,6 +261,7 @@ TEST(Pipeline, SpilledFramesShowNullPlanesAndKeepTheirPoses) {
 // The process-wide count set on the caller's thread governs loops run on the pipeline's threads,
 // whose own OpenMP setting was never touched.
 TEST(Pipeline, TheThreadCountGovernsLoopsOnPipelineThreads) {
+    if (KESTOR_THREAD_SANITIZED) GTEST_SKIP() << "an OpenMP team under ThreadSanitizer";
     EngineRun run(10);
     const int saved = KESTORGetThreadNum();
     KESTORSetThreadNum(3);
