@@ -54,7 +54,16 @@ EngineState::EngineState(int groupSize, int width, int height, unsigned flags) {
     instance->para.verbose = 0;
 }
 
-EngineState::~EngineState() { KESTORDestroyInstance(instance); }
+EngineState::~EngineState() {
+    // Teardown stops the pipeline, which would finish every group not counted as finished, with
+    // callbacks that may point into a test's dead locals: count them all as done and empty the
+    // slots first.
+    instance->pairMatchFunc = nullptr;
+    instance->calcScoreFunc = nullptr;
+    instance->finishedGroups = int32_t(instance->groups.size());
+    instance->optimizedGroups = instance->finishedGroups.load();
+    KESTORDestroyInstance(instance);
+}
 
 _Frame* EngineState::addRenderedFrame(const Pose& cameraToWorld, const Pose& trackedPose) {
     RGBDFusionImpl& f = *instance;
