@@ -81,9 +81,17 @@ void EngineState::groupAndFinish() {
         group->frameCount = int32_t(group->frames.size());
         finishGroup(f, *group);
         ++f.finishedGroups;
-        if (first + f.groupSize + 1 >= frames) break;  // the last group holds the last frame
     }
     reduceAll();
+}
+
+void EngineState::setKeyFrame(int g, int key) {
+    _Group& group = *instance().groups[size_t(g)];
+    group.keyIndex = key;
+    RT_<double> keyInverse;
+    invertRT(group.frames[size_t(key)]->pose, keyInverse);
+    for (size_t j = 0; j < group.frames.size(); ++j)
+        composeRT(keyInverse, group.frames[j]->pose, group.frameRTs[j]);
 }
 
 void EngineState::reduceAll() {

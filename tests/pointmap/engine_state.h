@@ -38,8 +38,11 @@ public:
     kestor::_Frame* addFrame(const Frame& frame, const Pose& pose,
                              const std::vector<uint8_t>& mask = {});
     // Groups of groupSize + 1 members over the frame list, each sharing its last member with the
-    // next, every one finished; then each frame's other reduce step.
+    // next (so a full last group is followed by one that holds just its last frame), every one
+    // finished; then each frame's other reduce step.
     void groupAndFinish();
+    // Makes member `key` of group g its key frame, with the members' poses relative to it.
+    void setKeyFrame(int g, int key);
     // Both reduce steps of every frame that has not had them.
     void reduceAll();
 
