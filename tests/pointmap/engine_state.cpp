@@ -39,6 +39,12 @@ EngineState::EngineState(const Camera& camera, int levels, int groupSize, unsign
     EXPECT_EQ(KESTORCreateInstance(&handle_, K.data(), camera.width, camera.height, distances.data(),
                                    iterations.data(), levels, groupSize, flags),
               KESTOR_STATUS_OK);
+    // Groups are finished from their members' poses alone, and runs are quiet unless a test asks.
+    KESTORPara para;
+    KESTORGetPara(handle_, &para);
+    para.groupMode = 0;
+    para.verbose = 0;
+    KESTORSetPara(handle_, &para);
     if (!cachePath.empty()) {
         EXPECT_EQ(KESTORSetCachePath(handle_, cachePath.c_str()), KESTOR_STATUS_OK);
     }

@@ -22,8 +22,8 @@ struct RoomSequence {
 
 class EngineState {
 public:
-    // levelDistances of 0.1 m at level 0, doubling a level; an empty cachePath leaves the cache
-    // closed.
+    // levelDistances of 0.1 m at level 0, doubling a level; groupMode 0 (groups finished from
+    // their poses) and verbose off; an empty cachePath leaves the cache closed.
     EngineState(const Camera& camera, int levels, int groupSize, unsigned flags,
                 const std::string& cachePath = "");
     ~EngineState();
