@@ -11,14 +11,15 @@ using namespace kestor;
 
 namespace {
 
-std::vector<RT_<double>> readPoses(double* rts, int count) {
+// The caller's poses read in, align(poses) run on them, and the poses written back; 0 whatever
+// the run found.
+template <typename Align>
+int alignPoses(double* rts, int count, Align&& align) {
     std::vector<RT_<double>> poses(static_cast<size_t>(count));
     for (int f = 0; f < count; ++f) poses[size_t(f)] = poseToDouble(poseView(rts + 12 * f));
-    return poses;
-}
-
-void writePoses(const std::vector<RT_<double>>& poses, double* rts) {
+    align(poses);
     for (size_t f = 0; f < poses.size(); ++f) poseFromDouble(poses[f], poseView(rts + 12 * f));
+    return KESTOR_STATUS_OK;
 }
 
 MultiOptions multiOptions(int iterations, double maxDistance, double maxAngle, double minScore,
@@ -46,18 +47,17 @@ int KESTORMatchMulti(const float* const* points, const float* const* normals,
                      bool parallel, bool log, KESTORProgressFunc progress, void* user) {
     if (points == nullptr || sizes == nullptr || rts == nullptr || frameCount < 2)
         return KESTOR_STATUS_BAD_ARGUMENT;
-    std::vector<RT_<double>> poses = readPoses(rts, frameCount);
     const MultiOptions options = multiOptions(iterations, maxDistance, maxAngle, minScore,
                                               colorWeight, refreshInterval, parallel, log);
-    // With a camera the arrays are maps of sizes[0] x sizes[1]; without, point sets.
-    if (K != nullptr)
-        matchMultiImages(points, normals, intensities, sizes[0], sizes[1],
-                         intrinsicsFromMatrix(K), poses, options, wrapProgress(progress, user));
-    else
-        matchMultiPoints(points, normals, intensities, sizes, poses, options,
-                         wrapProgress(progress, user));
-    writePoses(poses, rts);
-    return KESTOR_STATUS_OK;
+    return alignPoses(rts, frameCount, [&](std::vector<RT_<double>>& poses) {
+        // With a camera the arrays are maps of sizes[0] x sizes[1]; without, point sets.
+        if (K != nullptr)
+            matchMultiImages(points, normals, intensities, sizes[0], sizes[1],
+                             intrinsicsFromMatrix(K), poses, options, wrapProgress(progress, user));
+        else
+            matchMultiPoints(points, normals, intensities, sizes, poses, options,
+                             wrapProgress(progress, user));
+    });
 }
 
 int KESTORMatchMultiVmapNmap(const float* const* vmaps, const float* const* nmaps,
@@ -70,14 +70,12 @@ int KESTORMatchMultiVmapNmap(const float* const* vmaps, const float* const* nmap
     if (vmaps == nullptr || K == nullptr || rts == nullptr || width < 1 || height < 1 ||
         frameCount < 2)
         return KESTOR_STATUS_BAD_ARGUMENT;
-    std::vector<RT_<double>> poses = readPoses(rts, frameCount);
-    matchMultiVmap(vmaps, nmaps, grays, gradXs, gradYs, width, height, intrinsicsFromMatrix(K),
-                   poses,
-                   multiOptions(iterations, maxDistance, maxAngle, minScore, colorWeight,
-                                refreshInterval, parallel, log),
-                   wrapProgress(progress, user));
-    writePoses(poses, rts);
-    return KESTOR_STATUS_OK;
+    const MultiOptions options = multiOptions(iterations, maxDistance, maxAngle, minScore,
+                                              colorWeight, refreshInterval, parallel, log);
+    return alignPoses(rts, frameCount, [&](std::vector<RT_<double>>& poses) {
+        matchMultiVmap(vmaps, nmaps, grays, gradXs, gradYs, width, height,
+                       intrinsicsFromMatrix(K), poses, options, wrapProgress(progress, user));
+    });
 }
 
 int KESTORMatchMultiDepth(const float* const* depths, const unsigned char* const* colors,
@@ -89,13 +87,12 @@ int KESTORMatchMultiDepth(const float* const* depths, const unsigned char* const
     if (depths == nullptr || K == nullptr || rts == nullptr || width < 1 || height < 1 ||
         frameCount < 2)
         return KESTOR_STATUS_BAD_ARGUMENT;
-    std::vector<RT_<double>> poses = readPoses(rts, frameCount);
-    matchMultiDepth(depths, colors, masks, width, height, intrinsicsFromMatrix(K), poses,
-                    multiOptions(iterations, maxDistance, maxAngle, minScore, colorWeight,
-                                 refreshInterval, parallel, log),
-                    wrapProgress(progress, user));
-    writePoses(poses, rts);
-    return KESTOR_STATUS_OK;
+    const MultiOptions options = multiOptions(iterations, maxDistance, maxAngle, minScore,
+                                              colorWeight, refreshInterval, parallel, log);
+    return alignPoses(rts, frameCount, [&](std::vector<RT_<double>>& poses) {
+        matchMultiDepth(depths, colors, masks, width, height, intrinsicsFromMatrix(K), poses,
+                        options, wrapProgress(progress, user));
+    });
 }
 
 int KESTORMatchMultiDepthInGroup(const float* const* depths, const unsigned char* const* colors,
@@ -108,14 +105,12 @@ int KESTORMatchMultiDepthInGroup(const float* const* depths, const unsigned char
     if (depths == nullptr || rts == nullptr || groupIds == nullptr || width < 1 || height < 1 ||
         frameCount < 2)
         return KESTOR_STATUS_BAD_ARGUMENT;
-    std::vector<RT_<double>> poses = readPoses(rts, frameCount);
-    matchGroupsDepth(depths, colors, masks, width, height, intrinsicsFromMatrix(K), poses,
-                     groupIds,
-                     multiOptions(iterations, maxDistance, maxAngle, minScore, colorWeight, 0,
-                                  parallel, log),
-                     wrapProgress(progress, user));
-    writePoses(poses, rts);
-    return KESTOR_STATUS_OK;
+    const MultiOptions options =
+        multiOptions(iterations, maxDistance, maxAngle, minScore, colorWeight, 0, parallel, log);
+    return alignPoses(rts, frameCount, [&](std::vector<RT_<double>>& poses) {
+        matchGroupsDepth(depths, colors, masks, width, height, intrinsicsFromMatrix(K), poses,
+                         groupIds, options, wrapProgress(progress, user));
+    });
 }
 
 int KESTORMatchMultiVmapNmapInGroup(const float* const* vmaps, const float* const* nmaps,
@@ -129,14 +124,13 @@ int KESTORMatchMultiVmapNmapInGroup(const float* const* vmaps, const float* cons
     if (vmaps == nullptr || rts == nullptr || groupIds == nullptr || width < 1 || height < 1 ||
         frameCount < 2)
         return KESTOR_STATUS_BAD_ARGUMENT;
-    std::vector<RT_<double>> poses = readPoses(rts, frameCount);
-    matchGroupsVmap(vmaps, nmaps, grays, gradXs, gradYs, width, height, intrinsicsFromMatrix(K),
-                    poses, groupIds,
-                    multiOptions(iterations, maxDistance, maxAngle, minScore, colorWeight, 0,
-                                 parallel, log),
-                    wrapProgress(progress, user));
-    writePoses(poses, rts);
-    return KESTOR_STATUS_OK;
+    const MultiOptions options =
+        multiOptions(iterations, maxDistance, maxAngle, minScore, colorWeight, 0, parallel, log);
+    return alignPoses(rts, frameCount, [&](std::vector<RT_<double>>& poses) {
+        matchGroupsVmap(vmaps, nmaps, grays, gradXs, gradYs, width, height,
+                        intrinsicsFromMatrix(K), poses, groupIds, options,
+                        wrapProgress(progress, user));
+    });
 }
 
 }  // extern "C"
