@@ -47,7 +47,10 @@ void refineAfterRun(const char* name, int step, double voxelSize) {
 }  // namespace
 
 // Half resolution (every second pixel) keeps the run short.
-TEST(EngineRun, RefinementImprovesSynthHandheld) { refineAfterRun("synth-handheld", 2, 0.01); }
+TEST(EngineRun, RefinementImprovesSynthHandheld) {
+    if (KESTOR_SANITIZED) GTEST_SKIP() << "a whole engine run takes minutes under sanitizers";
+    refineAfterRun("synth-handheld", 2, 0.01);
+}
 
 TEST(EngineRun, RefinementImprovesSynthLoop) {
     if (std::getenv("KESTOR_LONG_TESTS") == nullptr) GTEST_SKIP() << "set KESTOR_LONG_TESTS to run";
