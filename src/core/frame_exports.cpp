@@ -3,6 +3,7 @@
 
 #include <thread>
 
+#include "core/thread_count.h"
 #include "kestor.h"
 
 extern "C" {
@@ -13,8 +14,9 @@ void KESTORSetThreadNum(int threads) {
     // -1 asks for every hardware thread; any other value goes to the runtime unchanged.
     if (threads == -1) threads = int(std::thread::hardware_concurrency());
     omp_set_num_threads(threads);
+    kestor::setLoopThreadCount(threads);
 }
 
-int KESTORGetThreadNum(void) { return omp_get_max_threads(); }
+int KESTORGetThreadNum(void) { return kestor::loopThreadCount(); }
 
 }  // extern "C"

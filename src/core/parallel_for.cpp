@@ -1,5 +1,7 @@
 #include "core/parallel_for.h"
 
+#include "core/thread_count.h"
+
 #include <omp.h>
 
 #include <algorithm>
@@ -13,7 +15,7 @@ void parallelFor(int begin, int end, const LoopBody& body) {
         body(begin, end, 0);
         return;
     }
-    const int threads = omp_get_max_threads();
+    const int threads = loopThreadCount();
     if (threads == 1) {
         body(begin, end, 0);
         return;
@@ -37,6 +39,6 @@ void serialFor(int begin, int end, const LoopBody& body) {
     body(begin, end, 0);
 }
 
-int loopSlots(bool parallel) { return parallel ? omp_get_max_threads() : 1; }
+int loopSlots(bool parallel) { return parallel ? loopThreadCount() : 1; }
 
 }  // namespace kestor

@@ -63,3 +63,66 @@ void buildFramePyramid(const RGBDFusionImpl& instance, _Frame* frame) {
 }
 
 }  // namespace kestor
+
+namespace kestor {
+
+namespace {
+
+// Host memory for the application to write into when the frame's planes live on the device.
+uint8_t* takeStaging(RGBDFusionImpl& instance, KESTORFrameInfo& staging) {
+    std::lock_guard<std::mutex> guard(instance.lock);
+    auto* block = static_cast<uint8_t*>(instance.hostImagePool->take());
+    layoutImage(instance, block, staging);
+    return block;
+}
+
+}  // namespace
+
+_Frame* runIntakeTask(RGBDFusionImpl& instance, const FillFunc& fill, int32_t id) {
+    _Frame* frame = newFrame(instance, id);
+    if (frame == nullptr) {
+        instance.frameWake.notify_all();
+        return nullptr;
+    }
+    KESTORFrameInfo& info = frame->info;
+    KESTORFrameInfo device = info;
+    uint8_t* staging = nullptr;
+    if (instance.deviceMemory) {
+        KESTORFrameInfo host = info;
+        staging = takeStaging(instance, host);
+        info.depth = host.depth;
+        info.color = host.color;
+        info.mask = host.mask;
+    }
+    const bool kept = fill(&info);
+    if (instance.deviceMemory) {
+        // No transfer: this build has no device, so the planes stay as the pool gave them.
+        info.depth = device.depth;
+        info.color = device.color;
+        info.mask = device.mask;
+        std::lock_guard<std::mutex> guard(instance.lock);
+        instance.hostImagePool->giveBack(staging);
+    }
+    if (kept) {
+        frame->timeStamp = instance.millisecondsSinceStart();
+        buildFramePyramid(instance, frame);
+    } else {
+        std::lock_guard<std::mutex> guard(instance.lock);
+        releaseFrame(instance, frame);
+        frame = nullptr;
+    }
+    instance.frameWake.notify_all();
+    return frame;
+}
+
+void runTraceTask(RGBDFusionImpl& instance, _Frame* frame, bool tracked, bool relocalized) {
+    frame->track.totalTime = int64_t(instance.millisecondsSinceStart() - frame->timeStamp);
+    if (instance.traceFunc) instance.traceFunc(frame);
+    std::lock_guard<std::mutex> guard(instance.lock);
+    if (!tracked && !relocalized)
+        releaseFrame(instance, frame);  // never entered the frame list: nobody sees it again
+    else
+        reduceFrame(instance, frame);
+}
+
+}  // namespace kestor

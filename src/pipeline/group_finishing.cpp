@@ -4,26 +4,12 @@
 
 #include "core/frame_memory.h"
 #include "pair/match_measures.h"
+#include "pipeline/group_alignment.h"
+#include "pipeline/group_math.h"
 
 namespace kestor {
 
 namespace {
-
-RT_<double> inverseOf(const RT_<double>& a) {
-    RT_<double> r;
-    invertRT(a, r);
-    return r;
-}
-
-RT_<double> compose(const RT_<double>& a, const RT_<double>& b) {
-    RT_<double> r;
-    composeRT(a, b, r);
-    return r;
-}
-
-bool isFull(const RGBDFusionImpl& instance, const _Group& group) {
-    return group.frameCount == instance.groupSize + 1;
-}
 
 // Member poses relative to the key frame, as tracking left them.
 void frameRTsFromTracking(_Group& group) {
@@ -50,11 +36,15 @@ void computeLinkInfo(const RGBDFusionImpl& instance, _Group& group) {
 
 void finishGroup(RGBDFusionImpl& instance, _Group& group) {
     if (group.frameCount < 1) return;
-    if (group.frameRTs.empty()) frameRTsFromTracking(group);
     const KESTORPara& p = instance.para;
-    if ((p.groupMode == 2 || p.globalMode == 1) && isFull(instance, group))
+    if (p.groupMode == 1)
+        alignGroupByPoseGraph(instance, group);
+    else if (p.groupMode == 2)
+        alignGroupJointly(instance, group);
+    if (group.frameRTs.empty()) frameRTsFromTracking(group);
+    if ((p.groupMode == 2 || p.globalMode == 1) && isFullGroup(instance, group))
         computeLinkInfo(instance, group);
-    _Frame* key = group.frames[size_t(group.keyIndex)];
+    _Frame* key = keyFrameOf(group);
     for (int l = 0; l < instance.levels; ++l) std::swap(key->levels[l], group.levels[l]);
     const int members = std::min(instance.groupSize, group.frameCount);
     for (int j = 0; j < members; ++j) {

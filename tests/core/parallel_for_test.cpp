@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "core/parallel_for.h"
+#include "kestor.h"
 
 using namespace kestor;
 
@@ -27,8 +28,8 @@ std::vector<Block> blocksOf(bool parallel, int begin, int end) {
 }
 
 struct ThreadCount {
-    explicit ThreadCount(int n) : saved(omp_get_max_threads()) { omp_set_num_threads(n); }
-    ~ThreadCount() { omp_set_num_threads(saved); }
+    explicit ThreadCount(int n) : saved(KESTORGetThreadNum()) { KESTORSetThreadNum(n); }
+    ~ThreadCount() { KESTORSetThreadNum(saved); }
     int saved;
 };
 

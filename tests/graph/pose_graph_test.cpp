@@ -90,10 +90,10 @@ TEST(PoseGraph, UnreachedPoseSurvivesThroughTheDenseFallbackSerialOrParallel) {
     g.poseCount += 1;
     g.edgeCount += 2;
     Solved r = solve(g, 30);
-    const int saved = omp_get_max_threads();
-    omp_set_num_threads(3);  // several slots even on a small machine
+    const int saved = KESTORGetThreadNum();
+    KESTORSetThreadNum(3);  // several slots even on a small machine
     const Solved parallel = solve(g, 30, -1, true);
-    omp_set_num_threads(saved);
+    KESTORSetThreadNum(saved);
     expectNear(parallel.poses, r.poses, 1e-9);
     expectNear(parallel.weights, r.weights, 1e-9);
     EXPECT_EQ(r.weights[g.edgeCount - 2] + r.weights[g.edgeCount - 1], -2.0);

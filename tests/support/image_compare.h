@@ -7,6 +7,8 @@
 #include <random>
 #include <vector>
 
+#include "kestor.h"
+
 namespace kestor_test {
 
 inline std::vector<float> randomImage(int width, int height, unsigned seed, float lo = 0.0f,
@@ -25,10 +27,10 @@ inline std::vector<uint8_t> randomColor(int width, int height, unsigned seed) {
     return color;
 }
 
-// Sets the OpenMP thread count for a scope.
+// Sets the library's loop thread count for a scope.
 struct ThreadScope {
-    explicit ThreadScope(int n) : saved(omp_get_max_threads()) { omp_set_num_threads(n); }
-    ~ThreadScope() { omp_set_num_threads(saved); }
+    explicit ThreadScope(int n) : saved(KESTORGetThreadNum()) { KESTORSetThreadNum(n); }
+    ~ThreadScope() { KESTORSetThreadNum(saved); }
     int saved;
 };
 

@@ -6,6 +6,7 @@
 #include <new>
 
 #include "core/fusion_instance.h"
+#include "pipeline/pipeline_threads.h"
 #include "kestor.h"
 
 using namespace kestor;
@@ -34,6 +35,7 @@ int KESTORCreateInstance(void** instance, const double* K, int width, int height
 int KESTORDestroyInstance(void* instance) {
     if (instance == nullptr) return KESTOR_STATUS_NULL_INSTANCE;
     RGBDFusionImpl* f = instanceOf(instance);
+    stopPipeline(*f);
     releaseInstanceContents(*f);
     f->~RGBDFusionImpl();
     return KESTOR_STATUS_OK;

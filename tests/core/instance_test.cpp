@@ -1,0 +1,173 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <vector>
+
+#include "core/fusion_instance.h"
+#include "kestor.h"
+
+using namespace kestor;
+
+namespace {
+
+const double kK[9] = {500, 0, 31.5, 0, 510, 23.5, 0, 0, 1};
+const double kDistances[3] = {0.1, 0.2, 0.3};
+const int kIterations[3] = {10, 5, 3};
+
+void* create(int width, int height, int levels, unsigned flags, int groupSize = 10) {
+    void* handle = nullptr;
+    EXPECT_EQ(KESTORCreateInstance(&handle, kK, width, height, kDistances, kIterations, levels,
+                                   groupSize, flags),
+              0);
+    return handle;
+}
+
+RGBDFusionImpl& impl(void* handle) { return *static_cast<RGBDFusionImpl*>(handle); }
+
+bool samePara(const KESTORPara& a, const KESTORPara& b) {
+    return std::memcmp(&a, &b, sizeof(KESTORPara)) == 0;
+}
+
+}  // namespace
+
+TEST(Instance, StartsWithTheDefaultsAndRoundTripsEveryParameter) {
+    void* h = create(64, 48, 3, 0);
+    KESTORPara p;
+    ASSERT_EQ(KESTORGetPara(h, &p), 0);
+    EXPECT_EQ(p.angleThreshold, 1.57);
+    EXPECT_EQ(p.overlapThreshold, 0.3);
+    EXPECT_EQ(p.colorWeight, 0.3);
+    EXPECT_EQ(p.groupIterations, 10);
+    EXPECT_EQ(p.groupMode, 2);
+    EXPECT_EQ(p.globalMode, 1);
+    EXPECT_EQ(p.verbose, 1);
+    EXPECT_EQ(p.fullLoopWeight, 0);
+
+    const KESTORPara changed{0.5, 0.6, 0.7, 4, 1, 2, 0, 1};
+    ASSERT_EQ(KESTORSetPara(h, &changed), 0);
+    KESTORPara back;
+    ASSERT_EQ(KESTORGetPara(h, &back), 0);
+    EXPECT_TRUE(samePara(back, changed));
+    EXPECT_EQ(impl(h).fx, 500);
+    EXPECT_EQ(impl(h).fy, 510);
+    EXPECT_EQ(impl(h).cx, 31.5);
+    EXPECT_EQ(impl(h).cy, 23.5);
+    EXPECT_EQ(impl(h).levelIterations, std::vector<int32_t>({10, 5, 3}));
+    EXPECT_EQ(impl(h).levelDistances, std::vector<double>({0.1, 0.2, 0.3}));
+    for (auto stop : {&impl(h).frameStop, &impl(h).traceStop, &impl(h).groupStop,
+                      &impl(h).workerStop, &impl(h).optimizeStop})
+        EXPECT_EQ(stop->load(), 1);
+    EXPECT_FALSE(impl(h).cache->isOpen());
+    EXPECT_EQ(KESTORDestroyInstance(h), 0);
+}
+
+TEST(Instance, EveryExportChecksTheHandleFirstThenItsPointersAndChangesNothingOnFailure) {
+    auto trace = [](const KESTORFrameInfo*, const KESTORTrackInfo*, void*) {};
+    EXPECT_EQ(KESTORCreateInstance(nullptr, kK, 8, 8, kDistances, kIterations, 1, 3, 0), 4);
+    EXPECT_EQ(KESTORDestroyInstance(nullptr), 9);
+    EXPECT_EQ(KESTORSetPara(nullptr, nullptr), 9);
+    EXPECT_EQ(KESTORGetPara(nullptr, nullptr), 9);
+    EXPECT_EQ(KESTORSetTraceCallback(nullptr, trace, nullptr), 9);
+    EXPECT_EQ(KESTORSetPairMatchFunc(nullptr, nullptr, nullptr), 9);
+    EXPECT_EQ(KESTORSetCalcScoreFunc(nullptr, nullptr, nullptr), 9);
+    EXPECT_EQ(KESTORSetAttachAllocator(nullptr, nullptr, nullptr), 9);
+    EXPECT_EQ(KESTORSetCachePath(nullptr, "/tmp/x"), 9);
+
+    void* h = create(8, 8, 1, 0);
+    const KESTORPara before = impl(h).para;
+    EXPECT_EQ(KESTORSetPara(h, nullptr), 4);
+    EXPECT_EQ(KESTORGetPara(h, nullptr), 4);
+    EXPECT_TRUE(samePara(impl(h).para, before));
+
+    // A setter with a null function empties its slot.
+    EXPECT_EQ(KESTORSetTraceCallback(h, trace, nullptr), 0);
+    EXPECT_TRUE(bool(impl(h).traceFunc));
+    EXPECT_EQ(KESTORSetTraceCallback(h, nullptr, nullptr), 0);
+    EXPECT_FALSE(bool(impl(h).traceFunc));
+    EXPECT_EQ(KESTORSetAttachAllocator(h, [] { return static_cast<void*>(nullptr); }, nullptr), 0);
+    EXPECT_TRUE(bool(impl(h).attachAlloc));
+    EXPECT_FALSE(bool(impl(h).attachFree));
+    EXPECT_EQ(KESTORDestroyInstance(h), 0);
+}
+
+TEST(Instance, CallbacksSeeThePublicPartOfTheFrameAndThePairMatchStartsFromNothing) {
+    void* h = create(8, 8, 1, 0);
+    struct Seen {
+        const void* info = nullptr;
+        const void* track = nullptr;
+        double start[3][4];
+        int flag = -1;
+    } seen;
+    KESTORSetTraceCallback(
+        h,
+        [](const KESTORFrameInfo* f, const KESTORTrackInfo* t, void* u) {
+            static_cast<Seen*>(u)->info = f;
+            static_cast<Seen*>(u)->track = t;
+        },
+        &seen);
+    KESTORSetPairMatchFunc(
+        h,
+        [](const KESTORFrameInfo*, const KESTORFrameInfo*, double rt[3][4], int flag, void* u) {
+            auto* s = static_cast<Seen*>(u);
+            std::memcpy(s->start, rt, sizeof(s->start));
+            s->flag = flag;
+            rt[0][3] = 7;  // an answer of false must not leak out
+            return s->flag == MATCH_GROUP;
+        },
+        &seen);
+    std::vector<uint8_t> block(impl(h).frameBytes, 0);
+    auto* frame = reinterpret_cast<_Frame*>(block.data());
+    impl(h).traceFunc(frame);
+    EXPECT_EQ(seen.info, &frame->info);
+    EXPECT_EQ(seen.track, &frame->track);
+
+    RT_<double> rt = RT_<double>::identity();
+    EXPECT_FALSE(impl(h).pairMatchFunc(frame, frame, rt, MATCH_RELOCALIZE));
+    EXPECT_EQ(seen.flag, MATCH_RELOCALIZE);
+    for (int r = 0; r < 3; ++r)
+        for (int c = 0; c < 4; ++c) EXPECT_EQ(seen.start[r][c], 0.0);
+    EXPECT_EQ(rt.translation[0], 0.0);
+    EXPECT_TRUE(impl(h).pairMatchFunc(frame, frame, rt, MATCH_GROUP));
+    EXPECT_EQ(rt.translation[0], 7.0);
+    EXPECT_EQ(rt.rotation[0], 0.0);  // the zero start, not the caller's identity
+    KESTORDestroyInstance(h);
+}
+
+// Planes and byte sizes that each flags word gives, at 64x48 with 3 levels: level pixels 3072,
+// 768, 192 (sum 4032), so the pyramid holds 24 bytes a pixel and 12 more with gray maps.
+TEST(Instance, FlagsTable) {
+    const size_t n = 64 * 48, levelPixels = 3072 + 768 + 192;
+    for (unsigned flags = 0; flags < 16; ++flags) {
+        SCOPED_TRACE(flags);
+        void* h = create(64, 48, 3, flags);
+        const RGBDFusionImpl& f = impl(h);
+        const bool mask = !(flags & 1), color = !(flags & 2), device = flags & 4;
+        const bool gray = (flags & 8) && color;
+        EXPECT_EQ(bool(f.hasMask), mask);
+        EXPECT_EQ(bool(f.hasColor), color);
+        EXPECT_EQ(bool(f.hasGray), gray);
+        EXPECT_EQ(bool(f.deviceMemory), device);
+        EXPECT_EQ(f.imageBytes, n * 4 + (color ? n * 3 : 0) + (mask ? n : 0));
+        EXPECT_EQ(f.pyramidBytes, levelPixels * (gray ? 36 : 24));
+        EXPECT_EQ(f.frameBytes, sizeof(_Frame) + 3 * sizeof(FrameLevel));
+        EXPECT_EQ(f.groupBytes, sizeof(_Group) + 3 * sizeof(FrameLevel));
+        EXPECT_EQ(f.hostImagePool != nullptr, device);
+        EXPECT_EQ(f.imagePool->blocksPerChunk(), 50u);
+        EXPECT_EQ(f.framePool->blocksPerChunk(), 100u);
+        EXPECT_EQ(f.groupPool->blocksPerChunk(), 100u);
+        EXPECT_EQ(f.pyramidPool->blocksPerChunk(), 50u);
+        if (device) {
+            EXPECT_EQ(f.hostImagePool->blocksPerChunk(), 16u);
+        }
+        KESTORDestroyInstance(h);
+    }
+}
+
+TEST(Instance, NoLevelsMeanNoPyramidAndEmptyLists) {
+    void* h = create(16, 8, 0, 0);
+    EXPECT_EQ(impl(h).pyramidBytes, 0u);
+    EXPECT_TRUE(impl(h).levelDistances.empty());
+    EXPECT_TRUE(impl(h).levelIterations.empty());
+    EXPECT_EQ(impl(h).pyramidPool->take(), nullptr);
+    KESTORDestroyInstance(h);
+}
