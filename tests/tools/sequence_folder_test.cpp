@@ -145,8 +145,12 @@ TEST(SequenceFolder, RealRecordings) {
         SCOPED_TRACE(c.name);
         const Sequence seq = openSequence(kData + "/" + c.name, {});
         EXPECT_EQ(seq.frames.size(), c.frames);
-        if (c.fx > 0) EXPECT_EQ(seq.camera.fx, c.fx);
-        if (c.cx > 0) EXPECT_EQ(seq.camera.cx, c.cx);
+        if (c.fx > 0) {
+            EXPECT_EQ(seq.camera.fx, c.fx);
+        }
+        if (c.cx > 0) {
+            EXPECT_EQ(seq.camera.cx, c.cx);
+        }
         EXPECT_EQ(seq.camera.depthUnitsPerMetre, c.unitsPerMetre);
         EXPECT_EQ(seq.camera.width, c.width);
         EXPECT_TRUE(seq.hasColor());

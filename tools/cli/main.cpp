@@ -37,6 +37,12 @@ int main(int argc, char** argv) {
         ->check(CLI::Range(0, 2))->capture_default_str();
     rec->add_option("--levels", o.levels, "Pyramid levels of the dense match")
         ->check(CLI::Range(1, 6))->capture_default_str();
+    rec->add_option("--match-distance", o.matchDistance,
+                    "Largest point distance of the dense match at the finest level, metres "
+                    "(doubled per coarser level, at most four times)")
+        ->check(CLI::PositiveNumber)->capture_default_str();
+    rec->add_option("--iterations", o.iterations, "Dense match iterations per level")
+        ->check(CLI::PositiveNumber)->capture_default_str();
     rec->add_option("--workers", o.workers, "Threads that decode frames and build pyramids")
         ->check(CLI::PositiveNumber)->capture_default_str();
     rec->add_option("--color-weight", o.colorWeight, "Weight of the photometric term (0 to 1)")

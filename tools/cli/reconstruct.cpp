@@ -224,8 +224,8 @@ void createInstance(void** instance, const ReconstructOptions& o, const Run& run
     std::vector<double> distances;
     std::vector<int> iterations;
     for (int l = 0; l < o.levels; ++l) {
-        distances.push_back(0.08 * (1 << std::min(l, 2)));
-        iterations.push_back(l == 0 ? 8 : 10);
+        distances.push_back(o.matchDistance * (1 << std::min(l, 2)));
+        iterations.push_back(o.iterations);
     }
     unsigned flags = KESTOR_FLAG_NO_MASK;
     if (!color) flags |= KESTOR_FLAG_NO_COLOR;
@@ -245,7 +245,8 @@ void createInstance(void** instance, const ReconstructOptions& o, const Run& run
 }  // namespace
 
 ReconstructSummary reconstruct(const ReconstructOptions& o) {
-    if (o.groupSize < 1 || o.levels < 1 || o.workers < 1 || o.voxelSize <= 0)
+    if (o.groupSize < 1 || o.levels < 1 || o.workers < 1 || o.voxelSize <= 0 ||
+        o.matchDistance <= 0 || o.iterations < 1)
         throw InputError("group size, levels, workers and voxel size must be positive");
     const Sequence seq = openSequence(o.sequenceDir, o.camera, o.maxFrames);
     prepareOutputFolder(o.outputDir);

@@ -16,6 +16,10 @@ struct ReconstructOptions {
     int groupMode = 2;           // 1: pair matches and a pose graph, 2: joint alignment, 0: none
     int globalMode = 1;          // 0: none, 1: pose graph over groups, 2: over frames
     int levels = 3;              // pyramid levels of the dense match
+    double matchDistance = 0.08; // metres: largest point distance of the dense match at the finest
+                                 // level (twice that one level up, four times above); also the
+                                 // joint alignment's and the pose graph's distance
+    int iterations = 10;         // dense match iterations per level
     int workers = 2;             // decoding and pyramid threads
     double colorWeight = 0.3;    // photometric term; 0 builds no gray maps
     std::string cacheFile;       // spill file for frame images; empty: keep them in memory
