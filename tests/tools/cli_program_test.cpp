@@ -149,9 +149,14 @@ TEST(KestorProgram, SampleRunWritesTrajectoriesReportPictureAndMap) {
     std::getline(svg, first);
     EXPECT_EQ(first.rfind("<svg", 0), 0u);
 
-    // Read back by Open3D's PLY reader, when its Python module is installed.
-    if (std::system("python3 -c 'import open3d' > /dev/null 2>&1") != 0)
-        GTEST_SKIP() << "python3-open3d is not installed: map.ply not read back";
+    // Read back by Open3D's PLY reader, when its Python module is installed (Debian's
+    // python3-open3d, for the system interpreter, which a python3 earlier on PATH may not be).
+    std::string python;
+    for (const char* candidate : {"/usr/bin/python3", "python3"})
+        if (python.empty() &&
+            std::system((std::string(candidate) + " -c 'import open3d' > /dev/null 2>&1").c_str()) == 0)
+            python = candidate;
+    if (python.empty()) GTEST_SKIP() << "python3-open3d is not installed: map.ply not read back";
     const std::string script =
         "import open3d as o3d, numpy as np, sys\n"
         "c = o3d.io.read_point_cloud(sys.argv[1])\n"
@@ -159,7 +164,7 @@ TEST(KestorProgram, SampleRunWritesTrajectoriesReportPictureAndMap) {
         "e = p.max(0) - p.min(0)\n"
         "print(len(p), int(c.has_normals()), int(c.has_colors()), *e, k.std())\n";
     std::ofstream(dir / "read_ply.py") << script;
-    FILE* pipe = popen(("python3 " + (dir / "read_ply.py") + " " + (dir / "out/map.ply")).c_str(), "r");
+    FILE* pipe = popen((python + " " + (dir / "read_ply.py") + " " + (dir / "out/map.ply")).c_str(), "r");
     int count = 0, normals = 0, colours = 0;
     double extent[3] = {0, 0, 0}, colourSpread = 0;
     const int fields = fscanf(pipe, "%d %d %d %lf %lf %lf %lf", &count, &normals, &colours,

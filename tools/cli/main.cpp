@@ -10,6 +10,7 @@
 #include <exception>
 
 #include "cli/reconstruct.h"
+#include "cli/trajectory.h"
 #include "kestor.h"
 
 int main(int argc, char** argv) {
@@ -66,7 +67,37 @@ int main(int argc, char** argv) {
     rec->add_flag("--verbose", o.verbose, "Show the engine's own log lines");
     rec->add_flag("-q,--quiet", o.quiet, "No progress line");
 
+    std::string trajectoryFile, truthDir;
+    CLI::App* eval = app.add_subcommand(
+        "evaluate", "ATE and RPE of a TUM trajectory file against a recording's ground truth");
+    eval->add_option("TRAJECTORY", trajectoryFile, "TUM trajectory: time tx ty tz qx qy qz qw")
+        ->required();
+    eval->add_option("SEQUENCE_DIR", truthDir, "Recording folder with ground truth")->required();
+
     CLI11_PARSE(app, argc, argv);
+    if (*eval) {
+        try {
+            const kestor_cli::Sequence seq = kestor_cli::openSequence(truthDir, {});
+            std::vector<kestor_cli::TimedPose> truth;
+            for (const auto& f : seq.frames) {
+                if (!f.hasTruth) continue;
+                kestor_cli::TimedPose t;
+                t.timestamp = f.timestamp;
+                std::copy(f.truth, f.truth + 12, t.pose);
+                truth.push_back(t);
+            }
+            if (truth.empty()) throw kestor_cli::InputError("no ground truth in " + truthDir);
+            std::fputs(kestor_cli::formatReport(trajectoryFile,
+                                                kestor_cli::compareTrajectories(
+                                                    kestor_cli::readTum(trajectoryFile), truth))
+                           .c_str(),
+                       stdout);
+        } catch (const std::exception& e) {
+            std::fprintf(stderr, "kestor: error: %s\n", e.what());
+            return 2;
+        }
+        return 0;
+    }
     try {
         const kestor_cli::ReconstructSummary s = kestor_cli::reconstruct(o);
         std::printf("kestor: %d frames read, %d tracked, %d lost, %d relocalised, %d groups, "
