@@ -100,10 +100,11 @@ public:
         last_ = now;
         std::fprintf(stderr,
                      "%sframes read %d/%zu  tracked %d  lost %d  relocalised %d  groups %d  "
-                     "loop/relocalisation estimates %d  %.1f fps%s",
+                     "loop checks %d (matched %d)  %.1f fps%s",
                      tty_ ? "\r" : "", run_.read.load(), run_.seq->frames.size(),
                      run_.tracked.load(), run_.lost.load(), run_.relocalised.load(),
-                     run_.groups.load(), run_.matcher.estimates.load(), framesPerSecond(),
+                     run_.groups.load(), run_.matcher.calls[KESTOR_MATCH_GROUP].load(),
+                     run_.matcher.found[KESTOR_MATCH_GROUP].load(), framesPerSecond(),
                      tty_ ? "   " : "\n");
         std::fflush(stderr);
     }

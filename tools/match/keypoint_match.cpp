@@ -134,8 +134,11 @@ bool pairMatchCallback(const KESTORFrameInfo* first, const KESTORFrameInfo* seco
     const bool sequential = flag == KESTOR_MATCH_SEQUENTIAL;
     if (a && b && (!sequential || matcher.keyPointsForSequential))
         estimate = estimatePair(*a, *b, matcher.settings);
+    const bool knownFlag = flag >= 0 && flag < 4;
+    if (knownFlag) matcher.calls[flag].fetch_add(1);
     if (estimate.found) {
         matcher.estimates.fetch_add(1);
+        if (knownFlag) matcher.found[flag].fetch_add(1);
     } else if (sequential && matcher.fallback == SequentialFallback::Identity) {
         // Small frame-to-frame motion: the dense match converges from the identity on its own.
         matcher.fallbacks.fetch_add(1);

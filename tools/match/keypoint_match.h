@@ -70,6 +70,8 @@ struct EngineMatcher {
     std::atomic<int> estimates{0};       // calls answered with a key-point estimate
     std::atomic<int> fallbacks{0};       // sequential calls answered with the fallback
     std::atomic<int> refusals{0};        // calls refused
+    std::atomic<int> calls[4] = {};      // per KESTOR_MATCH_* flag
+    std::atomic<int> found[4] = {};      // calls with a key-point estimate, per flag
 };
 
 // The attach allocator pair: each frame's attach is a KeyPointSet.
