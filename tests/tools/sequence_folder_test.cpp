@@ -135,11 +135,12 @@ TEST(SequenceFolder, RealRecordings) {
         size_t frames;
         double fx, cx, unitsPerMetre;
         int width;
+        bool synchronous;  // colour and depth share their time stamps
     } cases[] = {
-        {"tum_fr1_xyz", 37, 525.0, 319.5, 5000.0, 0},
-        {"synth-loop", 200, 258.65, 159.05, 5000.0, 320},
-        {"synth-handheld", 60, 0, 0, 5000.0, 640},
-        {"7scenes_redkitchen", 122, 585.0, 320.0, 1000.0, 0},
+        {"tum_fr1_xyz", 37, 525.0, 319.5, 5000.0, 0, false},
+        {"synth-loop", 200, 258.65, 159.05, 5000.0, 320, true},
+        {"synth-handheld", 60, 0, 0, 5000.0, 640, true},
+        {"7scenes_redkitchen", 122, 585.0, 320.0, 1000.0, 0, false},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -154,6 +155,7 @@ TEST(SequenceFolder, RealRecordings) {
         EXPECT_EQ(seq.camera.depthUnitsPerMetre, c.unitsPerMetre);
         EXPECT_EQ(seq.camera.width, c.width);
         EXPECT_TRUE(seq.hasColor());
+        EXPECT_EQ(seq.colorSynchronous(), c.synchronous);
         for (const auto& f : seq.frames) EXPECT_TRUE(f.hasTruth) << f.depthPath;
         for (size_t i = 1; i < seq.frames.size(); ++i)
             EXPECT_GT(seq.frames[i].timestamp, seq.frames[i - 1].timestamp);

@@ -46,8 +46,14 @@ int main(int argc, char** argv) {
         ->check(CLI::PositiveNumber)->capture_default_str();
     rec->add_option("--workers", o.workers, "Threads that decode frames and build pyramids")
         ->check(CLI::PositiveNumber)->capture_default_str();
-    rec->add_option("--color-weight", o.colorWeight, "Weight of the photometric term (0 to 1)")
-        ->check(CLI::Range(0.0, 1.0))->capture_default_str();
+    rec->add_option("--threads", o.threads,
+                    "Threads of the library's parallel loops (0: the library's choice)")
+        ->check(CLI::NonNegativeNumber)->capture_default_str();
+    rec->add_option("--color-weight", o.colorWeight,
+                    "Weight of the photometric term, 0 to 1 (default: 0.3 when colour and depth "
+                    "share their time stamps, as in the synthetic folders; 0 otherwise, as for "
+                    "Kinect v1 recordings, whose colour lags the depth)")
+        ->check(CLI::Range(0.0, 1.0));
     rec->add_option("--cache", o.cacheFile, "Spill file: frame images leave memory once used");
     rec->add_option("--voxel", o.voxelSize, "Voxel size of the fused map, metres")
         ->check(CLI::PositiveNumber)->capture_default_str();
@@ -101,9 +107,9 @@ int main(int argc, char** argv) {
     try {
         const kestor_cli::ReconstructSummary s = kestor_cli::reconstruct(o);
         std::printf("kestor: %d frames read, %d tracked, %d lost, %d relocalised, %d groups, "
-                    "%.1f s (%.1f fps)",
+                    "%.1f s (%.1f fps), colour weight %.1f",
                     s.framesRead, s.tracked, s.lost, s.relocalised, s.groups, s.seconds,
-                    s.framesPerSecond);
+                    s.framesPerSecond, s.colorWeight);
         if (s.hasTruth)
             std::printf(", ATE %.2f mm, RPE %.2f mm / %.3f deg", s.ateRmse * 1e3,
                         s.rpeTranslationRmse * 1e3, s.rpeRotationRmse);

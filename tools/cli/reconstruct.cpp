@@ -220,7 +220,8 @@ void writePerFrameClouds(void* instance, const std::string& dir,
     if (!job.error.empty()) throw InputError(job.error);
 }
 
-void createInstance(void** instance, const ReconstructOptions& o, const Run& run, bool color) {
+void createInstance(void** instance, const ReconstructOptions& o, const Run& run, bool color,
+                    double colorWeight) {
     // Finest level first: the coarse levels take the large steps, the fine ones polish.
     std::vector<double> distances;
     std::vector<int> iterations;
@@ -230,13 +231,13 @@ void createInstance(void** instance, const ReconstructOptions& o, const Run& run
     }
     unsigned flags = KESTOR_FLAG_NO_MASK;
     if (!color) flags |= KESTOR_FLAG_NO_COLOR;
-    else if (o.colorWeight > 0) flags |= KESTOR_FLAG_GRAY;
+    else if (colorWeight > 0) flags |= KESTOR_FLAG_GRAY;
     if (KESTORCreateInstance(instance, run.K.data(), run.width, run.height, distances.data(),
                              iterations.data(), o.levels, o.groupSize, flags) != KESTOR_STATUS_OK)
         throw std::runtime_error("the engine could not be created");
     KESTORPara para;
     KESTORGetPara(*instance, &para);
-    para.colorWeight = o.colorWeight;
+    para.colorWeight = colorWeight;
     para.groupMode = o.groupMode;
     para.globalMode = o.globalMode;
     para.verbose = o.verbose ? 1 : 0;
@@ -246,7 +247,7 @@ void createInstance(void** instance, const ReconstructOptions& o, const Run& run
 }  // namespace
 
 ReconstructSummary reconstruct(const ReconstructOptions& o) {
-    if (o.groupSize < 1 || o.levels < 1 || o.workers < 1 || o.voxelSize <= 0 ||
+    if (o.groupSize < 1 || o.levels < 1 || o.workers < 1 || o.voxelSize <= 0 || o.colorWeight > 1 ||
         o.matchDistance <= 0 || o.iterations < 1)
         throw InputError("group size, levels, workers and voxel size must be positive");
     const Sequence seq = openSequence(o.sequenceDir, o.camera, o.maxFrames);
@@ -270,9 +271,12 @@ ReconstructSummary reconstruct(const ReconstructOptions& o) {
     }
     run.matcher.keyPointsForSequential = o.sequentialKeyPoints;
     const bool color = seq.hasColor();
+    const double colorWeight =
+        !color ? 0.0 : o.colorWeight >= 0 ? o.colorWeight : seq.colorSynchronous() ? 0.3 : 0.0;
 
+    if (o.threads > 0) KESTORSetThreadNum(o.threads);
     void* instance = nullptr;
-    createInstance(&instance, o, run, color);
+    createInstance(&instance, o, run, color, colorWeight);
     if (!o.cacheFile.empty()) KESTORSetCachePath(instance, o.cacheFile.c_str());
     kestor_match::installMatcher(instance, run.matcher);
     KESTORSetTraceCallback(instance, traceFrame, &run);
@@ -298,6 +302,7 @@ ReconstructSummary reconstruct(const ReconstructOptions& o) {
     ReconstructSummary summary;
     summary.seconds = progress.seconds();
     summary.framesPerSecond = progress.framesPerSecond();
+    summary.colorWeight = colorWeight;
     if (run.failed) {
         KESTORDestroyInstance(instance);
         throw InputError(run.error);

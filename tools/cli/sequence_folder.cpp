@@ -91,6 +91,7 @@ void readTum(const std::string& dir, Sequence& seq) {
             f.timestamp = number(row[0], assoc);
             f.depthPath = dir + "/" + row[1];
             f.colorPath = dir + "/" + row[3];
+            f.colorTimestamp = number(row[2], assoc);
             // Some association files carry the ground truth after the file names.
             if (row.size() >= 12) {
                 const double t[3] = {number(row[5], assoc), number(row[6], assoc),
@@ -124,6 +125,7 @@ void readTum(const std::string& dir, Sequence& seq) {
             f.timestamp = depthStamps[i];
             f.depthPath = dir + "/" + depthFiles[i];
             f.colorPath = dir + "/" + colorFiles[match[i]];
+            f.colorTimestamp = colorStamps[size_t(match[i])];
             seq.frames.push_back(f);
         }
         std::stable_sort(seq.frames.begin(), seq.frames.end(),
@@ -226,6 +228,12 @@ bool Sequence::hasTruth() const {
 bool Sequence::hasColor() const {
     return !frames.empty() &&
            std::all_of(frames.begin(), frames.end(), [](auto& f) { return !f.colorPath.empty(); });
+}
+
+bool Sequence::colorSynchronous() const {
+    return hasColor() && std::all_of(frames.begin(), frames.end(), [](auto& f) {
+               return f.colorTimestamp >= 0 && std::fabs(f.colorTimestamp - f.timestamp) < 1e-3;
+           });
 }
 
 std::vector<int> associateStamps(const std::vector<double>& a, const std::vector<double>& b,

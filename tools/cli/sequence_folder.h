@@ -34,6 +34,7 @@ struct SequenceFrame {
     double timestamp = 0;   // seconds; the depth image's time (7-Scenes: index / 30)
     std::string depthPath;
     std::string colorPath;  // empty: no colour for this frame
+    double colorTimestamp = -1;  // the colour image's time; -1: not known
     bool hasTruth = false;
     double truth[12] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};  // camera to world, row-major 3x4
 };
@@ -46,6 +47,8 @@ struct Sequence {
     std::vector<SequenceFrame> frames;
     bool hasTruth() const;
     bool hasColor() const;
+    // Colour and depth of every frame carry the same time stamp (within 1 ms).
+    bool colorSynchronous() const;
 };
 
 // Lists a recording. Throws InputError for a missing or empty folder, an unknown layout, an
