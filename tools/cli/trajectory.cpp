@@ -22,6 +22,19 @@ Eigen::Matrix4d toMatrix(const double p[12]) {
     return m;
 }
 
+// The rigid motion (no scale) that carries the columns of P closest onto those of Q in the least
+// squares sense (Horn; Umeyama's sign correction keeps it a rotation).
+void alignRigid(const Eigen::Matrix3Xd& P, const Eigen::Matrix3Xd& Q, Eigen::Matrix3d& R,
+                Eigen::Vector3d& t) {
+    const Eigen::Vector3d pMean = P.rowwise().mean(), qMean = Q.rowwise().mean();
+    const Eigen::Matrix3d H = (Q.colwise() - qMean) * (P.colwise() - pMean).transpose();
+    const Eigen::JacobiSVD<Eigen::Matrix3d> svd(H, Eigen::ComputeFullU | Eigen::ComputeFullV);
+    Eigen::Matrix3d S = Eigen::Matrix3d::Identity();
+    if (svd.matrixU().determinant() * svd.matrixV().determinant() < 0) S(2, 2) = -1;
+    R = svd.matrixU() * S * svd.matrixV().transpose();
+    t = qMean - R * pMean;
+}
+
 double rms(const std::vector<double>& v) {
     double s = 0;
     for (double x : v) s += x * x;
@@ -85,9 +98,10 @@ TrajectoryErrors compareTrajectories(const std::vector<TimedPose>& estimate,
         P.col(k) << p[3], p[7], p[11];
         Q.col(k) << q[3], q[7], q[11];
     }
-    const Eigen::Matrix4d align = Eigen::umeyama(P, Q, false);
-    const Eigen::Matrix3Xd aligned = (align.topLeftCorner<3, 3>() * P).colwise() +
-                                     align.topRightCorner<3, 1>();
+    Eigen::Matrix3d R;
+    Eigen::Vector3d t;
+    alignRigid(P, Q, R, t);
+    const Eigen::Matrix3Xd aligned = (R * P).colwise() + t;
     std::vector<double> ate(size_t(e.compared));
     for (int k = 0; k < e.compared; ++k) {
         ate[k] = (aligned.col(k) - Q.col(k)).norm();
