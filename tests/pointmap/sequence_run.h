@@ -1,0 +1,187 @@
+#pragma once
+// A recorded or rendered RGB-D sequence run through the whole engine: loading (optionally at
+// half resolution, by taking every second pixel, which keeps the geometry exact), the run from
+// KESTORStart to KESTORStop, and the errors against the ground truth. Header only, so that the
+// benchmarks can use it as well.
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <Eigen/Geometry>
+
+#include "core/fusion_instance.h"
+#include "io/png_image.h"
+#include "io/rgbd_sequence.h"
+#include "kestor.h"
+
+namespace kestor_test {
+
+struct LoadedSequence {
+    int width = 0, height = 0;
+    std::vector<double> K;                   // row-major 3x3
+    std::vector<std::vector<float>> depths;  // packed
+    std::vector<std::vector<uint8_t>> colors;
+    std::vector<Eigen::Isometry3d> truth;  // camera to world
+};
+
+inline LoadedSequence loadSequence(const std::string& dir, int step = 1, int maxFrames = 1 << 30) {
+    const kestor_io::RgbdSequence seq = kestor_io::readTumSequence(dir);
+    LoadedSequence out;
+    out.width = seq.width / step;
+    out.height = seq.height / step;
+    out.K = {seq.fx / step, 0, seq.cx / step, 0, seq.fy / step, seq.cy / step, 0, 0, 1};
+    for (size_t f = 0; f < seq.frames.size() && int(f) < maxFrames; ++f) {
+        const kestor_io::RgbdFrame& frame = seq.frames[f];
+        int w = 0, h = 0, cw = 0, ch = 0;
+        const std::vector<float> depth = kestor_io::readDepthPng(frame.depthPath, seq.depthUnitsPerMetre, w, h);
+        const std::vector<uint8_t> color = kestor_io::readColorPng(frame.colorPath, cw, ch);
+        std::vector<float> d(size_t(out.width * out.height));
+        std::vector<uint8_t> c(d.size() * 3);
+        for (int y = 0; y < out.height; ++y)
+            for (int x = 0; x < out.width; ++x) {
+                const size_t from = size_t(y * step * w + x * step), to = size_t(y * out.width + x);
+                d[to] = depth[from];
+                std::memcpy(&c[3 * to], &color[3 * from], 3);
+            }
+        out.depths.push_back(std::move(d));
+        out.colors.push_back(std::move(c));
+        Eigen::Isometry3d pose = Eigen::Isometry3d::Identity();
+        for (int r = 0; r < 3; ++r) {
+            for (int col = 0; col < 3; ++col) pose.linear()(r, col) = frame.cameraToWorld[4 * r + col];
+            pose.translation()(r) = frame.cameraToWorld[4 * r + 3];
+        }
+        out.truth.push_back(pose);
+    }
+    return out;
+}
+
+inline bool fillFromSequence(KESTORFrameInfo* frame, void* user) {
+    const LoadedSequence& s = *static_cast<const LoadedSequence*>(user);
+    const size_t f = size_t(frame->id);
+    std::memcpy(frame->depth, s.depths[f].data(), s.depths[f].size() * sizeof(float));
+    if (frame->color) std::memcpy(frame->color, s.colors[f].data(), s.colors[f].size());
+    if (frame->mask) std::memset(frame->mask, 255, s.depths[f].size());
+    return true;
+}
+
+// A new instance for the sequence: three levels, groups of ten, no mask. Returns the handle.
+inline void* createFor(const LoadedSequence& s, unsigned flags = 1, const char* cachePath = nullptr) {
+    const double distances[3] = {0.1, 0.2, 0.3};
+    const int iterations[3] = {10, 5, 3};
+    void* handle = nullptr;
+    KESTORCreateInstance(&handle, s.K.data(), s.width, s.height, distances, iterations, 3, 10, flags);
+    KESTORPara para;
+    KESTORGetPara(handle, &para);
+    para.verbose = 0;
+    KESTORSetPara(handle, &para);
+    if (cachePath != nullptr) KESTORSetCachePath(handle, cachePath);
+    return handle;
+}
+
+// The application's pair match of the run: it agrees with the engine's own prediction for
+// consecutive frames, and, standing in for a place recogniser, offers the true relative pose as
+// the first estimate for relocalisation and for loops between groups (the engine's built-in match
+// still has to confirm and refine it). Inner matches are not asked for in the default group mode.
+inline void setPairMatch(void* handle, const LoadedSequence& s) {
+    auto& instance = *static_cast<kestor::RGBDFusionImpl*>(handle);
+    instance.pairMatchFunc = [&s](const kestor::_Frame* first, const kestor::_Frame* second,
+                                  kestor::RT_<double>& rt, kestor::_MatchFlag flag) {
+        if (flag == kestor::MATCH_SEQUENTIAL) return true;
+        const Eigen::Isometry3d p = s.truth[size_t(first->info.id)].inverse() * s.truth[size_t(second->info.id)];
+        for (int r = 0; r < 3; ++r) {
+            for (int c = 0; c < 3; ++c) rt.rotation[3 * r + c] = p.linear()(r, c);
+            rt.translation[r] = p.translation()(r);
+        }
+        return true;
+    };
+}
+
+// Start, every frame added in order, stop.
+inline void runThrough(void* handle, const LoadedSequence& s, int workers = 2) {
+    setPairMatch(handle, s);
+    KESTORStart(handle, workers);
+    for (size_t f = 0; f < s.depths.size(); ++f)
+        KESTORAddFrame(handle, fillFromSequence, const_cast<LoadedSequence*>(&s));
+    KESTORStop(handle);
+}
+
+// The accepted frames' sequence numbers and poses (frame to the first frame's coordinates).
+struct EnginePoses {
+    std::vector<int> ids;
+    std::vector<Eigen::Isometry3d> poses;
+};
+
+inline EnginePoses enginePoses(void* handle) {
+    EnginePoses out;
+    KESTORGetFrame(handle, -1,
+                   [](const KESTORFrameInfo* frame, const double pose[3][4], void* user) {
+                       EnginePoses& o = *static_cast<EnginePoses*>(user);
+                       Eigen::Isometry3d p = Eigen::Isometry3d::Identity();
+                       for (int r = 0; r < 3; ++r) {
+                           for (int c = 0; c < 3; ++c) p.linear()(r, c) = pose[r][c];
+                           p.translation()(r) = pose[r][3];
+                       }
+                       o.ids.push_back(frame->id);
+                       o.poses.push_back(p);
+                   },
+                   &out);
+    return out;
+}
+
+// Root mean square distance between the camera centres and the true ones, both taken relative to
+// the first accepted frame.
+inline double absoluteTrajectoryError(const EnginePoses& e, const LoadedSequence& s) {
+    if (e.poses.empty()) return 0;
+    const Eigen::Isometry3d first = e.poses[0].inverse(), truthFirst = s.truth[size_t(e.ids[0])].inverse();
+    double sum = 0;
+    for (size_t k = 0; k < e.poses.size(); ++k) {
+        const Eigen::Vector3d a = (first * e.poses[k]).translation();
+        const Eigen::Vector3d b = (truthFirst * s.truth[size_t(e.ids[k])]).translation();
+        sum += (a - b).squaredNorm();
+    }
+    return std::sqrt(sum / double(e.poses.size()));
+}
+
+// Median distance between the fused map's points and the same pixels placed with the true poses
+// (relative to the first accepted frame). Each frame's kept pixels do not depend on its pose, so
+// the two maps list the same pixels in the same order; the true map is made by fusing the
+// frames' planes with the true poses (KESTORColorDepthToPoints, as the fused map is built).
+inline double fusedMapError(void* handle, const LoadedSequence& s) {
+    std::vector<float> fused;
+    KESTORFusePointsMap(handle,
+                        [](const KESTORPointCloud* c, void* user) {
+                            static_cast<std::vector<float>*>(user)->assign(c->points, c->points + 3 * c->count);
+                        },
+                        nullptr, &fused);
+    const EnginePoses e = enginePoses(handle);
+    if (e.poses.empty()) return 0;
+    std::vector<float> truth;
+    const Eigen::Isometry3d truthFirst = s.truth[size_t(e.ids[0])].inverse();
+    const Eigen::Isometry3d first = e.poses[0].inverse();
+    for (size_t k = 0; k < e.ids.size(); ++k) {
+        const Eigen::Isometry3d p = truthFirst * s.truth[size_t(e.ids[k])];
+        double rt[12];
+        for (int r = 0; r < 3; ++r) {
+            for (int c = 0; c < 3; ++c) rt[4 * r + c] = p.linear()(r, c);
+            rt[4 * r + 3] = p.translation()(r);
+        }
+        KESTORColorDepthToPoints(s.depths[size_t(e.ids[k])].data(), nullptr, nullptr, s.width, s.height, s.K.data(), rt,
+                                 [](const float* points, const float*, const uint8_t*, int count, void* user) {
+                                     auto& t = *static_cast<std::vector<float>*>(user);
+                                     if (points) t.insert(t.end(), points, points + 3 * count);
+                                 },
+                                 &truth);
+    }
+    if (truth.size() != fused.size() || fused.empty()) return -1;  // not the same pixels
+    std::vector<double> d(fused.size() / 3);
+    for (size_t i = 0; i < d.size(); ++i) {
+        const Eigen::Vector3d a = first * Eigen::Vector3d(fused[3 * i], fused[3 * i + 1], fused[3 * i + 2]);
+        d[i] = (a - Eigen::Vector3d(truth[3 * i], truth[3 * i + 1], truth[3 * i + 2])).norm();
+    }
+    std::nth_element(d.begin(), d.begin() + long(d.size() / 2), d.end());
+    return d[d.size() / 2];
+}
+
+}  // namespace kestor_test
