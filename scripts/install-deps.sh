@@ -3,7 +3,8 @@
 # comparison benchmarks measure against (Open3D, nanoflann).
 set -euo pipefail
 packages=(cmake g++ make libeigen3-dev libomp-dev libgtest-dev libgmock-dev libbenchmark-dev
-          libpng-dev pkg-config binutils valgrind)
+          libpng-dev pkg-config binutils valgrind libopencv-dev libcli11-dev
+          python3-open3d)
 if [[ "${1:-}" == "--bench" ]]; then
   packages+=(libopen3d-dev libnanoflann-dev)
 fi
