@@ -8,6 +8,7 @@
 // alignment) and RPE.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <cstdio>
@@ -16,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "core/fusion_instance.h"
 #include "io/png_image.h"
 #include "io/rgbd_sequence.h"
 #include "kestor.h"
@@ -70,6 +72,8 @@ const Sequence& synthLoop(int frames, int shift) {
 
 struct Run {
     const Sequence* sequence;
+    kestor::RGBDFusionImpl* engine = nullptr;
+    int groupsBehind = 0, passesBehind = 0;  // most closed groups unfinished, finished not optimised
     std::mutex traceLock;
     std::map<int, std::vector<double>> tracked;  // by frame id
     std::map<int, int> matchResults;
@@ -89,6 +93,10 @@ void trace(const KESTORFrameInfo* frame, const KESTORTrackInfo* track, void* use
     std::lock_guard<std::mutex> guard(run.traceLock);
     run.tracked[frame->id] = std::vector<double>(&track->pose[0][0], &track->pose[0][0] + 12);
     run.matchResults[frame->id] = track->matchResult;
+    std::lock_guard<std::mutex> lock(run.engine->lock);
+    const int finished = run.engine->finishedGroups;
+    run.groupsBehind = std::max(run.groupsBehind, int(run.engine->groups.size()) - 1 - finished);
+    run.passesBehind = std::max(run.passesBehind, finished - run.engine->optimizedGroups);
 }
 
 bool pairMatch(const KESTORFrameInfo* first, const KESTORFrameInfo* second, double rt[3][4], int, void* user) {
@@ -145,7 +153,7 @@ Errors errorsOf(const std::vector<Pose>& poses, const std::vector<Pose>& truth) 
 
 struct Outcome {
     Errors tracked, final;
-    int frames = 0, lost = 0;
+    int frames = 0, lost = 0, groupsBehind = 0, passesBehind = 0;
     long reads = 0;
     double lastMovedMm = 0;
 };
@@ -161,6 +169,7 @@ Outcome runEngine(int frames, int shift, int groupSize, int globalMode, int grou
     EXPECT_EQ(KESTORCreateInstance(&instance, K.data(), seq.width, seq.height, distances, iterations, 3, groupSize,
                                    1 | 8),  // no mask; colour with gray maps
               KESTOR_STATUS_OK);
+    run.engine = static_cast<kestor::RGBDFusionImpl*>(instance);
     KESTORPara para;
     KESTORGetPara(instance, &para);
     para.globalMode = globalMode;
@@ -194,6 +203,8 @@ Outcome runEngine(int frames, int shift, int groupSize, int globalMode, int grou
     out.tracked = errorsOf(tracked, truth);
     out.final = errorsOf(run.final, truth);
     out.reads = reads;
+    out.groupsBehind = run.groupsBehind;
+    out.passesBehind = run.passesBehind;
     out.lastMovedMm = translationError(run.final.back(), tracked.back()) * 1000;
     return out;
 }
@@ -228,9 +239,9 @@ TEST(GroupStageRun, DISABLED_FullLapErrorsPerModeCombination) {
         {
             const Outcome o = runEngine(200, 0, 10, globalMode, groupMode);
             std::printf("globalMode %d groupMode %d: frames %d lost %d | tracked ATE %.2f mm RPE %.2f mm "
-                        "%.3f deg | final ATE %.2f mm RPE %.2f mm %.3f deg\n",
+                        "%.3f deg | final ATE %.2f mm RPE %.2f mm %.3f deg | behind: %d groups, %d unoptimised\n",
                         globalMode, groupMode, o.frames, o.lost, o.tracked.ateMm, o.tracked.rpeMm,
-                        o.tracked.rpeDeg, o.final.ateMm, o.final.rpeMm, o.final.rpeDeg);
+                        o.tracked.rpeDeg, o.final.ateMm, o.final.rpeMm, o.final.rpeDeg, o.groupsBehind, o.passesBehind);
             std::fflush(stdout);
             EXPECT_EQ(o.frames, 200);
         }
