@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <mutex>
 #include <new>
 
 namespace kestor {
@@ -60,19 +61,32 @@ struct NodePool {
     }
 };
 
-// Created at load and emptied at unload with the library.
+// Created at load and emptied at unload with the library. Indexes are built and dropped by
+// stateless calls that may run on several threads at once, so every use takes the lock.
 NodePool pool;
+std::mutex poolLock;
 
 }  // namespace
 
-PointIndexNode* takeIndexNode() { return pool.take(); }
+PointIndexNode* takeIndexNode() {
+    std::lock_guard<std::mutex> guard(poolLock);
+    return pool.take();
+}
 
 void releaseIndexTree(PointIndexNode* root) {
+    std::lock_guard<std::mutex> guard(poolLock);
     pool.releaseTree(root);
     if (!pool.blocks.empty() && pool.allReleased()) pool.freeAll();
 }
 
-size_t nodePoolBlockCount() { return pool.blocks.size(); }
-size_t nodePoolReleasedCount() { return pool.released.size(); }
+size_t nodePoolBlockCount() {
+    std::lock_guard<std::mutex> guard(poolLock);
+    return pool.blocks.size();
+}
+
+size_t nodePoolReleasedCount() {
+    std::lock_guard<std::mutex> guard(poolLock);
+    return pool.released.size();
+}
 
 }  // namespace kestor

@@ -29,7 +29,7 @@ struct PointIndexNode {
 
 // The process-wide store of index nodes: blocks of 512 nodes, handed out by a bump cursor and
 // recycled last-released-first. When every node handed out has come back, all blocks are freed.
-// No lock: building and destroying indexes must not overlap on two threads.
+// Guarded by one lock, so indexes may be built and dropped on several threads at once.
 constexpr size_t kNodesPerBlock = 512;
 
 // A cleared node (children null).

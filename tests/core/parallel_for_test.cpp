@@ -57,7 +57,7 @@ TEST(ParallelFor, SmallRangesAndOneThreadRunOnTheCaller) {
     EXPECT_EQ(blocksOf(true, 7, 8), (std::vector<Block>{{7, 8, 0}}));
     // An empty or reversed range still reaches the body once, on the caller.
     EXPECT_EQ(blocksOf(true, 5, 5), (std::vector<Block>{{5, 5, 0}}));
-    omp_set_num_threads(1);
+    KESTORSetThreadNum(1);
     EXPECT_EQ(blocksOf(true, 0, 10), (std::vector<Block>{{0, 10, 0}}));
 }
 
