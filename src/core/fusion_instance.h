@@ -16,6 +16,7 @@
 
 #include "core/block_pool.h"
 #include "core/frame_cache.h"
+#include "core/intrinsics.h"
 #include "core/fusion_records.h"
 #include "kestor.h"
 
@@ -103,6 +104,9 @@ struct RGBDFusionImpl {
     std::atomic<uint8_t> optimizeStop{1};
     std::thread optimizeThread;
     int64_t startTime;  // monotonic ns at construction
+
+    // The level 0 camera as the workers take it.
+    Intrinsics intrinsics() const { return Intrinsics{float(fx), float(fy), float(cx), float(cy)}; }
 
     // Milliseconds from startTime to now.
     uint64_t millisecondsSinceStart() const;

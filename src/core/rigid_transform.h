@@ -91,6 +91,21 @@ void invertRT(const RT_<T>& a, RT_<T>& out) {
     out = r;
 }
 
+// Value forms of the two above, for expressions: a after b, and the inverse of a.
+template <typename T>
+RT_<T> compose(const RT_<T>& a, const RT_<T>& b) {
+    RT_<T> r;
+    composeRT(a, b, r);
+    return r;
+}
+
+template <typename T>
+RT_<T> inverseOf(const RT_<T>& a) {
+    RT_<T> r;
+    invertRT(a, r);
+    return r;
+}
+
 // The same transform in another precision, element by element.
 template <typename To, typename From>
 RT_<To> castRT(const RT_<From>& a) {

@@ -22,20 +22,6 @@ int alignPoses(double* rts, int count, Align&& align) {
     return KESTOR_STATUS_OK;
 }
 
-MultiOptions multiOptions(int iterations, double maxDistance, double maxAngle, double minScore,
-                          double colorWeight, int refreshInterval, bool parallel, bool log) {
-    MultiOptions o;
-    o.iterations = iterations;
-    o.maxDistance = maxDistance;
-    o.maxAngle = maxAngle;
-    o.minScore = minScore;
-    o.colorWeight = colorWeight;
-    o.refreshInterval = refreshInterval;
-    o.parallel = parallel;
-    o.log = log;
-    return o;
-}
-
 }  // namespace
 
 extern "C" {

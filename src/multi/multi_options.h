@@ -14,4 +14,19 @@ struct MultiOptions {
     bool parallel = true;      // the OpenMP form of the per-pair loops
 };
 
+inline MultiOptions multiOptions(int iterations, double maxDistance, double maxAngle,
+                                 double minScore, double colorWeight, int refreshInterval,
+                                 bool parallel, bool log) {
+    MultiOptions o;
+    o.iterations = iterations;
+    o.maxDistance = maxDistance;
+    o.maxAngle = maxAngle;
+    o.minScore = minScore;
+    o.colorWeight = colorWeight;
+    o.refreshInterval = refreshInterval;
+    o.parallel = parallel;
+    o.log = log;
+    return o;
+}
+
 }  // namespace kestor

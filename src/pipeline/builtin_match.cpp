@@ -53,8 +53,7 @@ bool builtInMatch(const RGBDFusionImpl& instance, const FrameLevel* first,
     }
     double pose[12];
     poseFromDouble(rt, poseView(pose));
-    const Intrinsics k{float(instance.fx), float(instance.fy), float(instance.cx),
-                       float(instance.cy)};
+    const Intrinsics k = instance.intrinsics();
     const KESTORPara& p = instance.para;
     const bool ok = matchPairPyramid(k, maps, poseView(pose), infoView(&info[0][0]),
                                      instance.levelIterations.data(),

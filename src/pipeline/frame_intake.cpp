@@ -54,8 +54,7 @@ void buildFramePyramid(const RGBDFusionImpl& instance, _Frame* frame) {
     }
     const uint8_t* color = instance.hasGray && instance.hasColor ? frame->info.color : nullptr;
     const bool gray = instance.hasGray;
-    const Intrinsics k{float(instance.fx), float(instance.fy), float(instance.cx),
-                       float(instance.cy)};
+    const Intrinsics k = instance.intrinsics();
     calcPyramid(k, frame->info.depth, color, frame->info.mask, vmaps.data(), nmaps.data(),
                 gray ? grays.data() : nullptr, gray ? gradXs.data() : nullptr,
                 gray ? gradYs.data() : nullptr, instance.width, instance.height, levels, true,

@@ -22,12 +22,6 @@ struct Outcome {
     bool closed = false;
 };
 
-RT_<double> compose(const RT_<double>& a, const RT_<double>& b) {
-    RT_<double> r;
-    composeRT(a, b, r);
-    return r;
-}
-
 const _Frame* keyFrameOf(const _Group& group) { return group.frames[size_t(group.keyIndex)]; }
 
 // Places the frame against one of the finished groups: candidates by the application's score

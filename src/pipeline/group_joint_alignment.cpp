@@ -25,17 +25,12 @@ void alignGroupJointly(const RGBDFusionImpl& instance, _Group& group) {
 
     if (!instance.deviceMemory && instance.width > 0 && instance.height > 0) {
         const KESTORPara& p = instance.para;
-        MultiOptions options;
-        options.iterations = p.groupIterations;
-        options.maxDistance = instance.levelDistances.empty() ? 0.0 : instance.levelDistances[0];
-        options.maxAngle = p.angleThreshold;
-        options.minScore = p.overlapThreshold;
-        options.colorWeight = p.colorWeight;
-        options.refreshInterval = 1;
-        options.parallel = true;
-        options.log = false;
-        const Intrinsics k{float(instance.fx), float(instance.fy), float(instance.cx),
-                           float(instance.cy)};
+        const double maxDistance =
+            instance.levelDistances.empty() ? 0.0 : instance.levelDistances[0];
+        const MultiOptions options =
+            multiOptions(p.groupIterations, maxDistance, p.angleThreshold, p.overlapThreshold,
+                         p.colorWeight, 1, true, false);
+        const Intrinsics k = instance.intrinsics();
         const bool gray = instance.hasGray != 0;
         // The outcome is not looked at: a failed run leaves its last accepted poses.
         matchMultiVmap(vmaps.data(), nmaps.data(), gray ? grays.data() : nullptr,

@@ -1,22 +1,9 @@
 #pragma once
-// Value forms of the transform algebra and the few facts about a group that the group, loop and
+// The few facts about a group that the group, loop and
 // optimisation stages share.
 #include "core/fusion_instance.h"
 
 namespace kestor {
-
-inline RT_<double> inverseOf(const RT_<double>& a) {
-    RT_<double> r;
-    invertRT(a, r);
-    return r;
-}
-
-// a after b.
-inline RT_<double> compose(const RT_<double>& a, const RT_<double>& b) {
-    RT_<double> r;
-    composeRT(a, b, r);
-    return r;
-}
 
 // A full group ends with the overlap frame, which is also member 0 of the next group.
 inline bool isFullGroup(const RGBDFusionImpl& instance, const _Group& group) {

@@ -63,8 +63,7 @@ void forEachFrame(RGBDFusionImpl& instance, _Frame* const* frames, int frameCoun
 void forEachFrameCloud(RGBDFusionImpl& instance, const FrameCloudFunc& cloud,
                        const ProgressFunc& progress) {
     if (!cloud) return;
-    const Intrinsics k{float(instance.fx), float(instance.fy), float(instance.cx),
-                       float(instance.cy)};
+    const Intrinsics k = instance.intrinsics();
     const int width = instance.width, height = instance.height;
     auto oneFrame = [&](int index, const float* depth, const unsigned char (*colors)[3],
                         const unsigned char* mask, const RT_<double>& pose) {

@@ -14,18 +14,6 @@ namespace kestor {
 
 namespace {
 
-RT_<double> inverseOf(const RT_<double>& a) {
-    RT_<double> r;
-    invertRT(a, r);
-    return r;
-}
-
-RT_<double> compose(const RT_<double>& a, const RT_<double>& b) {
-    RT_<double> r;
-    composeRT(a, b, r);
-    return r;
-}
-
 // Members of a group that are its own: a full group's shared last frame is member 0 of the next.
 int ownMembers(const RGBDFusionImpl& instance, const _Group& group) {
     return std::max(0, std::min(group.frameCount, instance.groupSize));
@@ -65,15 +53,11 @@ void refineGroup(RGBDFusionImpl& instance, _Group& group, const MemberSlots& slo
             gradYs.push_back(maps.gradY);
         }
         const bool photometric = instance.hasGray && instance.hasColor;
-        MultiOptions options;
-        options.iterations = para.groupIterations == 2 ? iterations - 2 : iterations;
-        options.maxDistance = instance.levelDistances[size_t(level)];
-        options.maxAngle = para.angleThreshold;
-        options.minScore = 0.01;
-        options.colorWeight = para.colorWeight;
-        options.refreshInterval = 1;
-        options.parallel = true;
-        options.log = para.verbose != 0;
+        // Two fewer iterations exactly when the engine's own group setting is 2.
+        const int limit = para.groupIterations == 2 ? iterations - 2 : iterations;
+        const MultiOptions options =
+            multiOptions(limit, instance.levelDistances[size_t(level)], para.angleThreshold, 0.01,
+                         para.colorWeight, 1, true, para.verbose != 0);
         // The stage reports nothing; it only passes a cancel on.
         const ProgressFunc passCancel = [&cancel](int, bool& own) { own = cancel; };
         matchMultiVmap(vmaps.data(), nmaps.data(), photometric ? grays.data() : nullptr,
@@ -103,15 +87,9 @@ std::vector<RT_<double>> alignGroupClouds(const RGBDFusionImpl& instance,
         grays.push_back(c.grays.data());
         sizes.push_back(int(c.points.size() / 3));
     }
-    MultiOptions options;
-    options.iterations = iterations;
-    options.maxDistance = voxelSize + voxelSize;
-    options.maxAngle = para.angleThreshold;
-    options.minScore = 0.01;
-    options.colorWeight = para.colorWeight;
-    options.refreshInterval = 1;
-    options.parallel = true;
-    options.log = para.verbose != 0;
+    const MultiOptions options = multiOptions(iterations, voxelSize + voxelSize,
+                                              para.angleThreshold, 0.01, para.colorWeight, 1,
+                                              true, para.verbose != 0);
     // 101 and not 100: the stage ends at 99, and only the closing call reports 100.
     const ProgressFunc stage = [&progress](int percent, bool& cancel) {
         if (progress) progress(70 + (percent * 30) / 101, cancel);
