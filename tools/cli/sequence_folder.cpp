@@ -137,20 +137,6 @@ void readTum(const std::string& dir, Sequence& seq) {
     }
 }
 
-// The pose files print about 7 digits, so their rotations are orthonormal only to about 1e-4,
-// which the angle of a relative rotation would read as a degree: Gram-Schmidt on the rows.
-void orthonormalise(double pose[12]) {
-    double* r[3] = {pose, pose + 4, pose + 8};
-    for (int i = 0; i < 3; ++i) {
-        for (int j = 0; j < i; ++j) {
-            const double d = r[i][0] * r[j][0] + r[i][1] * r[j][1] + r[i][2] * r[j][2];
-            for (int k = 0; k < 3; ++k) r[i][k] -= d * r[j][k];
-        }
-        const double n = std::sqrt(r[i][0] * r[i][0] + r[i][1] * r[i][1] + r[i][2] * r[i][2]);
-        for (int k = 0; k < 3; ++k) r[i][k] /= n;
-    }
-}
-
 void readSevenScenes(const std::string& dir, Sequence& seq) {
     for (int i = 0;; ++i) {
         char name[32];
@@ -169,7 +155,7 @@ void readSevenScenes(const std::string& dir, Sequence& seq) {
             for (double& v : m) in >> v;
             if (!in) throw InputError("expected a 4x4 matrix in " + posePath);
             std::copy(m, m + 12, f.truth);
-            orthonormalise(f.truth);
+            kestor_io::orthonormalisePose(f.truth);
             f.hasTruth = true;
         }
         seq.frames.push_back(f);

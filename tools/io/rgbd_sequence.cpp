@@ -36,9 +36,11 @@ void poseFromRow(const std::vector<std::string>& row, size_t first, double pose[
                        std::stod(row[first + 5]), std::stod(row[first + 6]), pose);
 }
 
+}  // namespace
+
 // The files print about 7 digits, so their rotations are orthonormal only to about 1e-4, which
 // alone would read as a degree of rotation error: Gram-Schmidt on the rows.
-void orthonormalise(double pose[12]) {
+void orthonormalisePose(double pose[12]) {
     double* r[3] = {pose, pose + 4, pose + 8};
     for (int i = 0; i < 3; ++i) {
         for (int j = 0; j < i; ++j) {
@@ -49,8 +51,6 @@ void orthonormalise(double pose[12]) {
         for (int k = 0; k < 3; ++k) r[i][k] /= n;
     }
 }
-
-}  // namespace
 
 void poseFromQuaternion(const double t[3], double qx, double qy, double qz, double qw,
                         double pose[12]) {
@@ -117,7 +117,7 @@ RgbdSequence readSevenScenes(const std::string& dir, int maxFrames) {
         for (double& v : m) in >> v;
         if (in) {
             for (int k = 0; k < 12; ++k) f.cameraToWorld[k] = m[k];
-            orthonormalise(f.cameraToWorld);
+            orthonormalisePose(f.cameraToWorld);
             f.hasPose = true;
         }
         seq.frames.push_back(f);

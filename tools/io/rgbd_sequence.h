@@ -34,6 +34,9 @@ RgbdSequence readSevenScenes(const std::string& dir, int maxFrames = 100000);
 void poseFromQuaternion(const double t[3], double qx, double qy, double qz, double qw,
                         double pose[12]);
 
+// Gram-Schmidt on the rotation rows of a row-major 3x4 pose read from a file with few digits.
+void orthonormalisePose(double pose[12]);
+
 // Relative pose a^-1 b of two rigid 3x4 poses (rotation inverted by transposition).
 void relativePose(const double a[12], const double b[12], double out[12]);
 
