@@ -20,22 +20,6 @@ bool isFile(const std::string& path) {
     return fs::is_regular_file(path, ec);
 }
 
-// Rows of whitespace-separated fields; blank lines and '#' comments are skipped.
-std::vector<std::vector<std::string>> readRows(const std::string& path) {
-    std::ifstream in(path);
-    if (!in) throw InputError("cannot read " + path);
-    std::vector<std::vector<std::string>> rows;
-    std::string line;
-    while (std::getline(in, line)) {
-        if (line.empty() || line[0] == '#') continue;
-        std::istringstream fields(line);
-        std::vector<std::string> row;
-        for (std::string f; fields >> f;) row.push_back(f);
-        if (!row.empty()) rows.push_back(row);
-    }
-    return rows;
-}
-
 double number(const std::string& text, const std::string& path) {
     try {
         size_t used = 0;
@@ -53,7 +37,7 @@ struct StampedPose {
 
 std::vector<StampedPose> readTumTruth(const std::string& path) {
     std::vector<StampedPose> out;
-    for (const auto& row : readRows(path)) {
+    for (const auto& row : kestor_io::readRows(path)) {
         if (row.size() < 8) throw InputError("expected 'time tx ty tz qx qy qz qw' in " + path);
         StampedPose p;
         p.t = number(row[0], path);
@@ -84,7 +68,7 @@ void attachTruth(const std::vector<StampedPose>& truth, std::vector<SequenceFram
 void readTum(const std::string& dir, Sequence& seq) {
     const std::string assoc = dir + "/associations.txt";
     if (isFile(assoc)) {
-        for (const auto& row : readRows(assoc)) {
+        for (const auto& row : kestor_io::readRows(assoc)) {
             if (row.size() < 4)
                 throw InputError("expected 'depth_time depth_file rgb_time rgb_file' in " + assoc);
             SequenceFrame f;
@@ -107,12 +91,12 @@ void readTum(const std::string& dir, Sequence& seq) {
         const std::string depthList = dir + "/depth.txt", colorList = dir + "/rgb.txt";
         std::vector<double> depthStamps, colorStamps;
         std::vector<std::string> depthFiles, colorFiles;
-        for (const auto& row : readRows(depthList)) {
+        for (const auto& row : kestor_io::readRows(depthList)) {
             if (row.size() < 2) throw InputError("expected 'time file' in " + depthList);
             depthStamps.push_back(number(row[0], depthList));
             depthFiles.push_back(row[1]);
         }
-        for (const auto& row : readRows(colorList)) {
+        for (const auto& row : kestor_io::readRows(colorList)) {
             if (row.size() < 2) throw InputError("expected 'time file' in " + colorList);
             colorStamps.push_back(number(row[0], colorList));
             colorFiles.push_back(row[1]);
@@ -168,7 +152,7 @@ void resolveCamera(const std::string& dir, const CameraOptions& options, Sequenc
     std::optional<int> width, height;
     const std::string tumFile = dir + "/intrinsics.txt", sevenFile = dir + "/camera-intrinsics.txt";
     if (seq.layout == Layout::Tum && isFile(tumFile)) {
-        const auto rows = readRows(tumFile);
+        const auto rows = kestor_io::readRows(tumFile);
         if (rows.empty() || rows[0].size() < 4)
             throw InputError("expected 'fx fy cx cy [width height depth_scale]' in " + tumFile);
         for (int k = 0; k < 4; ++k) folder[k] = number(rows[0][k], tumFile);
@@ -178,7 +162,7 @@ void resolveCamera(const std::string& dir, const CameraOptions& options, Sequenc
         }
         if (rows[0].size() >= 7) folder[4] = number(rows[0][6], tumFile);
     } else if (seq.layout == Layout::SevenScenes && isFile(sevenFile)) {
-        const auto rows = readRows(sevenFile);
+        const auto rows = kestor_io::readRows(sevenFile);
         if (rows.size() < 2 || rows[0].size() < 3 || rows[1].size() < 3)
             throw InputError("expected a 3x3 camera matrix in " + sevenFile);
         folder[0] = number(rows[0][0], sevenFile);

@@ -14,6 +14,16 @@ namespace {
 
 bool fileExists(const std::string& path) { return std::ifstream(path).good(); }
 
+void poseFromRow(const std::vector<std::string>& row, size_t first, double pose[12]) {
+    const double t[3] = {std::stod(row[first]), std::stod(row[first + 1]), std::stod(row[first + 2])};
+    poseFromQuaternion(t, std::stod(row[first + 3]), std::stod(row[first + 4]),
+                       std::stod(row[first + 5]), std::stod(row[first + 6]), pose);
+}
+
+}  // namespace
+
+// The files print about 7 digits, so their rotations are orthonormal only to about 1e-4, which
+// alone would read as a degree of rotation error: Gram-Schmidt on the rows.
 std::vector<std::vector<std::string>> readRows(const std::string& path) {
     std::ifstream in(path);
     if (!in) throw std::runtime_error("cannot open " + path);
@@ -30,16 +40,6 @@ std::vector<std::vector<std::string>> readRows(const std::string& path) {
     return rows;
 }
 
-void poseFromRow(const std::vector<std::string>& row, size_t first, double pose[12]) {
-    const double t[3] = {std::stod(row[first]), std::stod(row[first + 1]), std::stod(row[first + 2])};
-    poseFromQuaternion(t, std::stod(row[first + 3]), std::stod(row[first + 4]),
-                       std::stod(row[first + 5]), std::stod(row[first + 6]), pose);
-}
-
-}  // namespace
-
-// The files print about 7 digits, so their rotations are orthonormal only to about 1e-4, which
-// alone would read as a degree of rotation error: Gram-Schmidt on the rows.
 void orthonormalisePose(double pose[12]) {
     double* r[3] = {pose, pose + 4, pose + 8};
     for (int i = 0; i < 3; ++i) {

@@ -34,6 +34,10 @@ RgbdSequence readSevenScenes(const std::string& dir, int maxFrames = 100000);
 void poseFromQuaternion(const double t[3], double qx, double qy, double qz, double qw,
                         double pose[12]);
 
+// Rows of whitespace-separated fields of a text file; blank lines and '#' comments are skipped.
+// Throws std::runtime_error naming the file when it cannot be opened.
+std::vector<std::vector<std::string>> readRows(const std::string& path);
+
 // Gram-Schmidt on the rotation rows of a row-major 3x4 pose read from a file with few digits.
 void orthonormalisePose(double pose[12]);
 
