@@ -22,8 +22,6 @@ void poseFromRow(const std::vector<std::string>& row, size_t first, double pose[
 
 }  // namespace
 
-// The files print about 7 digits, so their rotations are orthonormal only to about 1e-4, which
-// alone would read as a degree of rotation error: Gram-Schmidt on the rows.
 std::vector<std::vector<std::string>> readRows(const std::string& path) {
     std::ifstream in(path);
     if (!in) throw std::runtime_error("cannot open " + path);
@@ -40,6 +38,8 @@ std::vector<std::vector<std::string>> readRows(const std::string& path) {
     return rows;
 }
 
+// The files print about 7 digits, so their rotations are orthonormal only to about 1e-4, which
+// alone would read as a degree of rotation error: Gram-Schmidt on the rows.
 void orthonormalisePose(double pose[12]) {
     double* r[3] = {pose, pose + 4, pose + 8};
     for (int i = 0; i < 3; ++i) {
