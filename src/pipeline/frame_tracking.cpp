@@ -1,16 +1,12 @@
 #include "pipeline/frame_tracking.h"
 
-#include <algorithm>
-#include <cstdlib>
-#include <ctime>
-#include <numeric>
-#include <utility>
 #include <vector>
 
 #include "core/frame_memory.h"
 #include "pipeline/builtin_match.h"
 #include "pipeline/candidate_draw.h"
 #include "pipeline/frame_intake.h"
+#include "pipeline/group_math.h"
 
 namespace kestor {
 
@@ -21,8 +17,6 @@ struct Outcome {
     bool relocalized = false;
     bool closed = false;
 };
-
-const _Frame* keyFrameOf(const _Group& group) { return group.frames[size_t(group.keyIndex)]; }
 
 // Places the frame against one of the finished groups: candidates by the application's score
 // or drawn at random, each tried with the application's estimate and then the built-in match

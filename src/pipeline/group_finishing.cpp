@@ -11,15 +11,11 @@ namespace kestor {
 
 namespace {
 
-// Member poses relative to the key frame, as tracking left them; the key frame's own entry is
-// the exact identity rather than a product that rounds near it.
+// Member poses relative to the key frame, as tracking left them.
 void frameRTsFromTracking(_Group& group) {
-    const RT_<double> keyInverse = inverseOf(group.frames[size_t(group.keyIndex)]->pose);
-    group.frameRTs.clear();
-    for (int j = 0; j < group.frameCount; ++j)
-        group.frameRTs.push_back(j == group.keyIndex
-                                     ? RT_<double>::identity()
-                                     : compose(keyInverse, group.frames[size_t(j)]->pose));
+    std::vector<RT_<double>> poses;
+    for (int j = 0; j < group.frameCount; ++j) poses.push_back(group.frames[size_t(j)]->pose);
+    group.frameRTs = relativeToKey(poses, group.keyIndex);
 }
 
 // How well the last member's own map pins the step from the key frame to it.

@@ -69,12 +69,7 @@ void alignGroupByPoseGraph(const RGBDFusionImpl& instance, _Group& group) {
         if (results[chainCount + e] < kWeakEdge) group.innerEdges[e].weight = 0;
 
     group.keyIndex = bestConnectedMember(instance, group);
-    const RT_<double> keyInverse = inverseOf(graph.poses[size_t(group.keyIndex)]);
-    group.frameRTs.clear();
-    for (int j = 0; j < group.frameCount; ++j)
-        group.frameRTs.push_back(j == group.keyIndex
-                                     ? RT_<double>::identity()
-                                     : compose(keyInverse, graph.poses[size_t(j)]));
+    group.frameRTs = relativeToKey(graph.poses, group.keyIndex);
 }
 
 }  // namespace kestor
