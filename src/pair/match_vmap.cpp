@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "core/parallel_for.h"
+#include "pair/pair_lanes.h"
 #include "pair/pair_solver_loop.h"
 #include "pair/photometric_term.h"
 #include "pair/projective_association.h"
@@ -23,7 +24,25 @@ template <bool PlaneForm>
 double rigidTrialError(const CompactSource& source, const PairArrays& pairs,
                        const RT_<float>& candidate, int begin, int end) {
     double sum = 0.0;
-    for (int i = begin; i < end; ++i) {
+    int i = begin;
+    if (PlaneForm) {
+        __m256d laneSums = _mm256_setzero_pd();
+        for (; i + 8 <= end; i += 8) {
+            const size_t j = size_t(i);
+            const __m256 in = flagLanes(&pairs.matchFlags[j]);
+            if (_mm256_movemask_ps(in) == 0) continue;
+            const Lanes3 moved = transformLanes(candidate, loadLanes(&source.points[j]));
+            const Lanes3 d = differenceLanes(moved, loadLanes(&pairs.pairPoints[j]));
+            const __m256 r = zeroOutside(dotLanes(d, loadLanes(&pairs.pairNormals[j])), in);
+            const __m256d lo = _mm256_cvtps_pd(_mm256_castps256_ps128(r));
+            const __m256d hi = _mm256_cvtps_pd(_mm256_extractf128_ps(r, 1));
+            laneSums = _mm256_add_pd(laneSums, _mm256_add_pd(_mm256_mul_pd(lo, lo), _mm256_mul_pd(hi, hi)));
+        }
+        double lanes[4];
+        _mm256_storeu_pd(lanes, laneSums);
+        sum += (lanes[0] + lanes[1]) + (lanes[2] + lanes[3]);
+    }
+    for (; i < end; ++i) {
         const size_t j = size_t(i);
         if (!pairs.matchFlags[j]) continue;
         const Float3& p = source.points[j];
