@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "core/parallel_for.h"
-#include "pair/pair_lanes.h"
+#include "core/float3_lanes.h"
 #include "pair/pair_solver_loop.h"
 #include "pair/photometric_term.h"
 #include "pair/projective_association.h"

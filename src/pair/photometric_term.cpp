@@ -4,7 +4,7 @@
 #include <cmath>
 
 #include "core/row_block.h"
-#include "pair/pair_lanes.h"
+#include "core/float3_lanes.h"
 
 namespace kestor {
 

@@ -1,7 +1,8 @@
 #pragma once
-// Eight pair-pass entries at a time in AVX2 registers. Every per-entry float value is formed
-// with exactly the operations, in the order, of the scalar forms (no fused multiply-add), so an
-// entry gets the same bits in a vector as in the scalar tail; only double sums change order.
+// Eight map entries at a time in AVX2 registers, for the pair and multi-frame passes. Callers
+// form every per-entry float value with exactly the operations, in the order, of their scalar
+// forms (no fused multiply-add), so an entry gets the same bits in a vector as in a scalar tail;
+// only double sums change order.
 #include <immintrin.h>
 
 #include <climits>
