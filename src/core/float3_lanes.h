@@ -143,6 +143,19 @@ inline __m256 gatherLanes(const LaneMap& map, __m256i offsets, __m256 mask, int 
     return _mm256_mask_i32gather_ps(_mm256_setzero_ps(), map.base + c, offsets, mask, 4);
 }
 
+// Asks for the cache lines `ahead` elements past the last lane's pixel, so that the next blocks'
+// reads, which move along the same target rows, find them loaded.
+inline void prefetchAhead(const LaneMap& map, __m256i offsets, __m256 mask, int ahead) {
+    const int bits = _mm256_movemask_ps(mask);
+    if (bits == 0) return;
+    const int last = 31 - __builtin_clz(unsigned(bits));
+    alignas(32) int32_t lanes[8];
+    _mm256_store_si256(reinterpret_cast<__m256i*>(lanes), offsets);
+    const char* at = reinterpret_cast<const char*>(map.base + lanes[last]);
+    const int bytes = ahead * map.components * int(sizeof(float));
+    for (int b = 0; b < map.components * 32; b += 64) _mm_prefetch(at + bytes + b, _MM_HINT_T0);
+}
+
 inline Lanes3 gatherLanes3(const LaneMap& map, __m256i offsets, __m256 mask) {
     return Lanes3{gatherLanes(map, offsets, mask, 0), gatherLanes(map, offsets, mask, 1),
                   gatherLanes(map, offsets, mask, 2)};

@@ -8,6 +8,7 @@
 #include "core/float3_lanes.h"
 #include "pair/pair_solver_loop.h"
 #include "pair/photometric_term.h"
+#include "pair/pair_workspace.h"
 #include "pair/projective_association.h"
 
 namespace kestor {
@@ -70,16 +71,17 @@ struct RigidProblem {
     double minScore;
     bool parallel;
 
-    CompactSource source;
-    PairArrays pairs;
-    std::vector<SolverSlot> slots;
+    PairWorkspaceLease lease;
+    CompactSource& source = lease.get().source;
+    PairArrays& pairs = lease.get().pairs;
+    std::vector<SolverSlot>& slots = lease.get().slots;
 
     void prepare() {
         if (PlaneForm) {
-            source = compactWithNormals(sourceVmap, sourceNmap, ImageView<const float>{});
+            compactWithNormals(sourceVmap, sourceNmap, ImageView<const float>{}, source);
             pairs.resizePlane(source.size());
         } else {
-            source = compactPoints(sourceVmap);
+            compactPoints(sourceVmap, source);
             pairs.resizePoint(source.size());
         }
         slots.resize(size_t(loopSlots(parallel)));
@@ -123,14 +125,16 @@ struct ColoredProblem {
     ColorBalance balance;
     bool parallel;
 
-    CompactSource source;
-    PairArrays pairs;
-    std::vector<Float3> movedPoints, movedNormals;
-    std::vector<SolverSlot> slots;
+    PairWorkspaceLease lease;
+    CompactSource& source = lease.get().source;
+    PairArrays& pairs = lease.get().pairs;
+    std::vector<Float3>& movedPoints = lease.get().movedPoints;
+    std::vector<Float3>& movedNormals = lease.get().movedNormals;
+    std::vector<SolverSlot>& slots = lease.get().slots;
     PhotometricScale scale{};
 
     void prepare() {
-        source = compactWithNormals(sourceVmap, sourceNmap, sourceGray);
+        compactWithNormals(sourceVmap, sourceNmap, sourceGray, source);
         pairs.resizeColored(source.size());
         movedPoints.resize(size_t(source.size()));
         movedNormals.resize(size_t(source.size()));

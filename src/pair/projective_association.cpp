@@ -87,6 +87,9 @@ inline __m256 projectLanes(__m256 a, __m256 z, float f, float c) {
     return _mm256_add_ps(_mm256_div_ps(_mm256_mul_ps(a, _mm256_set1_ps(f)), z), _mm256_set1_ps(c));
 }
 
+// How far along a target row the passes ask for cache lines ahead of their reads.
+constexpr int kPrefetchPixels = 64;
+
 inline bool anyLane(__m256 mask) { return _mm256_movemask_ps(mask) != 0; }
 
 inline __m256 nonZeroNormal(const Lanes3& n) {
@@ -95,20 +98,22 @@ inline __m256 nonZeroNormal(const Lanes3& n) {
 
 }  // namespace
 
-CompactSource compactPoints(const ImageView<const Float3>& vmap) {
-    CompactSource s;
+void compactPoints(const ImageView<const Float3>& vmap, CompactSource& s) {
+    s.points.clear();
+    s.normals.clear();
+    s.gray.clear();
     for (int y = 0; y < vmap.height; ++y) {
         const Float3* row = rowOf(vmap, y);
         for (int x = 0; x < vmap.width; ++x)
             if (row[x].z > 0.0f) s.points.push_back(row[x]);
     }
-    return s;
 }
 
-CompactSource compactWithNormals(const ImageView<const Float3>& vmap,
-                                 const ImageView<const Float3>& nmap,
-                                 const ImageView<const float>& gray) {
-    CompactSource s;
+void compactWithNormals(const ImageView<const Float3>& vmap, const ImageView<const Float3>& nmap,
+                        const ImageView<const float>& gray, CompactSource& s) {
+    s.points.clear();
+    s.normals.clear();
+    s.gray.clear();
     const bool withGray = gray.data != nullptr;
     for (int y = 0; y < vmap.height; ++y) {
         const Float3* v = rowOf(vmap, y);
@@ -121,6 +126,19 @@ CompactSource compactWithNormals(const ImageView<const Float3>& vmap,
             if (withGray) s.gray.push_back(g[x]);
         }
     }
+}
+
+CompactSource compactPoints(const ImageView<const Float3>& vmap) {
+    CompactSource s;
+    compactPoints(vmap, s);
+    return s;
+}
+
+CompactSource compactWithNormals(const ImageView<const Float3>& vmap,
+                                 const ImageView<const Float3>& nmap,
+                                 const ImageView<const float>& gray) {
+    CompactSource s;
+    compactWithNormals(vmap, nmap, gray, s);
     return s;
 }
 
@@ -206,12 +224,15 @@ void associatePlane(const Intrinsics& k, const TargetMaps& target, const Compact
                 storeFlags(&pairs.matchFlags[size_t(i)], ok);
                 continue;
             }
-            const __m256i vOffsets = laneOffsets(vl, iu, iv), nOffsets = laneOffsets(nl, iu, iv);
-            const __m256 qz = gatherLanes(vl, vOffsets, ok, 2);
-            ok = _mm256_and_ps(ok, _mm256_cmp_ps(qz, _mm256_setzero_ps(), _CMP_GT_OQ));
-            const Lanes3 n = gatherLanes3(nl, nOffsets, ok);
+            // Every read of a pixel inside the map is issued at once, so that the cache misses
+            // of the two maps overlap; the vertex and normal gates are applied afterwards.
+            const __m256i vo = laneOffsets(vl, iu, iv), no = laneOffsets(nl, iu, iv);
+            const Lanes3 q = gatherLanes3(vl, vo, ok);
+            const Lanes3 n = gatherLanes3(nl, no, ok);
+            prefetchAhead(vl, vo, ok, kPrefetchPixels);
+            prefetchAhead(nl, no, ok, kPrefetchPixels);
+            ok = _mm256_and_ps(ok, _mm256_cmp_ps(q.z, _mm256_setzero_ps(), _CMP_GT_OQ));
             ok = _mm256_and_ps(ok, nonZeroNormal(n));
-            const Lanes3 q{gatherLanes(vl, vOffsets, ok, 0), gatherLanes(vl, vOffsets, ok, 1), qz};
             const Lanes3 d = differenceLanes(p, q);
             ok = _mm256_and_ps(ok, withinDistance(d, limits.maxDistanceSquared));
             const Lanes3 m = rotateLanes(pose, loadLanes(&source.normals[size_t(i)]));
@@ -287,12 +308,23 @@ void associateColored(const Intrinsics& k, const TargetMaps& target, const Float
                 storeFlags(&pairs.matchFlags[size_t(i)], ok);
                 continue;
             }
-            const __m256i vOffsets = laneOffsets(vl, iu, iv), nOffsets = laneOffsets(nl, iu, iv);
-            const __m256 qz = gatherLanes(vl, vOffsets, ok, 2);
-            ok = _mm256_and_ps(ok, _mm256_cmp_ps(qz, _mm256_setzero_ps(), _CMP_GT_OQ));
-            const Lanes3 n = gatherLanes3(nl, nOffsets, ok);
+            // Every read of a pixel inside the map is issued at once, so that the cache misses
+            // of the two maps overlap; the vertex and normal gates are applied afterwards.
+            const __m256i vo = laneOffsets(vl, iu, iv), no = laneOffsets(nl, iu, iv),
+                          go = laneOffsets(gl, iu, iv), xo = laneOffsets(xl, iu, iv),
+                          yo = laneOffsets(yl, iu, iv);
+            const Lanes3 q = gatherLanes3(vl, vo, ok);
+            const Lanes3 n = gatherLanes3(nl, no, ok);
+            const __m256 g = gatherLanes(gl, go, ok);
+            const __m256 gx = gatherLanes(xl, xo, ok);
+            const __m256 gy = gatherLanes(yl, yo, ok);
+            prefetchAhead(vl, vo, ok, kPrefetchPixels);
+            prefetchAhead(nl, no, ok, kPrefetchPixels);
+            prefetchAhead(gl, go, ok, kPrefetchPixels);
+            prefetchAhead(xl, xo, ok, kPrefetchPixels);
+            prefetchAhead(yl, yo, ok, kPrefetchPixels);
+            ok = _mm256_and_ps(ok, _mm256_cmp_ps(q.z, _mm256_setzero_ps(), _CMP_GT_OQ));
             ok = _mm256_and_ps(ok, nonZeroNormal(n));
-            const Lanes3 q{gatherLanes(vl, vOffsets, ok, 0), gatherLanes(vl, vOffsets, ok, 1), qz};
             const Lanes3 d = differenceLanes(p, q);
             ok = _mm256_and_ps(ok, withinDistance(d, limits.maxDistanceSquared));
             const Lanes3 m = loadLanes(movedNormals + i);
@@ -305,10 +337,6 @@ void associateColored(const Intrinsics& k, const TargetMaps& target, const Float
             const __m256 rg = _mm256_add_ps(
                 _mm256_add_ps(_mm256_mul_ps(d.y, n.y), _mm256_mul_ps(d.x, n.x)), _mm256_mul_ps(d.z, n.z));
             _mm256_storeu_ps(&pairs.residualG[j], rg);
-            const __m256i gOffsets = laneOffsets(gl, iu, iv);
-            const __m256 g = gatherLanes(gl, gOffsets, ok);
-            const __m256 gx = gatherLanes(xl, laneOffsets(xl, iu, iv), ok);
-            const __m256 gy = gatherLanes(yl, laneOffsets(yl, iu, iv), ok);
             _mm256_storeu_ps(&pairs.pairGray[j], g);
             _mm256_storeu_ps(&pairs.pairGradX[j], gx);
             _mm256_storeu_ps(&pairs.pairGradY[j], gy);

@@ -24,6 +24,10 @@ CompactSource compactPoints(const ImageView<const Float3>& vmap);
 CompactSource compactWithNormals(const ImageView<const Float3>& vmap,
                                  const ImageView<const Float3>& nmap,
                                  const ImageView<const float>& gray);
+// The same two into an existing source, reusing its memory.
+void compactPoints(const ImageView<const Float3>& vmap, CompactSource& out);
+void compactWithNormals(const ImageView<const Float3>& vmap, const ImageView<const Float3>& nmap,
+                        const ImageView<const float>& gray, CompactSource& out);
 
 // The target frame as the passes read it. Unused maps stay empty.
 struct TargetMaps {
