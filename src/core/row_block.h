@@ -22,15 +22,17 @@ struct RowBlock {
     alignas(32) float residuals[kCapacity];
     int count = 0;
 
-    // Adds one row; flushes into the sums when the block is full.
+    // Adds one row, first emptying a full block into the sums.
     inline void push(const float* row, float residual, double* hessian, double* gradient,
                      double* squares) {
+        if (count == kCapacity) flush(hessian, gradient, squares);
         for (int a = 0; a < N; ++a) rows[a][count] = row[a];
         residuals[count] = residual;
-        if (++count == kCapacity) flush(hessian, gradient, squares);
+        ++count;
     }
 
-    // Adds eight rows at once, entry a of all eight in row[a]; rows to leave out must be zeros.
+    // Adds eight rows at once, entry a of all eight in row[a], first emptying a block without room
+    // for them; rows to leave out must be zeros.
     inline void push8(const __m256* row, __m256 residual, double* hessian, double* gradient,
                       double* squares) {
         if (count + 8 > kCapacity) flush(hessian, gradient, squares);
