@@ -88,7 +88,7 @@ struct RigidProblem {
     }
 
     bool linearize(const RT_<float>& T, NormalEquations& total) {
-        std::fill(pairs.matchFlags.begin(), pairs.matchFlags.end(), uint8_t(0));
+        std::fill_n(pairs.matchFlags.begin(), source.size(), uint8_t(0));
         clearSlots(slots);
         runLoop(parallel, 0, source.size(), [&](int begin, int end, int slot) {
             NormalEquations& ne = slots[size_t(slot)].equations;
@@ -136,14 +136,14 @@ struct ColoredProblem {
     void prepare() {
         compactWithNormals(sourceVmap, sourceNmap, sourceGray, source);
         pairs.resizeColored(source.size());
-        movedPoints.resize(size_t(source.size()));
-        movedNormals.resize(size_t(source.size()));
+        if (movedPoints.size() < size_t(source.size())) movedPoints.resize(size_t(source.size()));
+        if (movedNormals.size() < size_t(source.size())) movedNormals.resize(size_t(source.size()));
         slots.resize(size_t(loopSlots(parallel)));
     }
 
     bool linearize(const RT_<float>& T, NormalEquations& total) {
         const int n = source.size();
-        std::fill(pairs.matchFlags.begin(), pairs.matchFlags.end(), uint8_t(0));
+        std::fill_n(pairs.matchFlags.begin(), source.size(), uint8_t(0));
         clearSlots(slots);
         transformPoints(T, source.points.data(), movedPoints.data(), n);
         rotateNormals(T, source.normals.data(), movedNormals.data(), n);

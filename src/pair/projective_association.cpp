@@ -1,5 +1,6 @@
 #include "pair/projective_association.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "core/row_block.h"
@@ -142,23 +143,35 @@ CompactSource compactWithNormals(const ImageView<const Float3>& vmap,
     return s;
 }
 
+namespace {
+
+// Grows a workspace array to at least n entries and never shrinks it: a thread's runs go from
+// coarse to fine levels, and shrinking would zero-fill the arrays again on every run.
+template <typename T>
+void growTo(std::vector<T>& v, int n) {
+    if (v.size() < size_t(n)) v.resize(size_t(n));
+}
+
+}  // namespace
+
 void PairArrays::resizePoint(int n) {
-    matchFlags.assign(size_t(n), 0);
-    pairPoints.resize(size_t(n));
+    growTo(matchFlags, n);
+    std::fill_n(matchFlags.begin(), n, uint8_t(0));
+    growTo(pairPoints, n);
 }
 
 void PairArrays::resizePlane(int n) {
     resizePoint(n);
-    pairNormals.resize(size_t(n));
+    growTo(pairNormals, n);
 }
 
 void PairArrays::resizeColored(int n) {
     resizePlane(n);
-    residualG.resize(size_t(n));
-    pairGray.resize(size_t(n));
-    pairGradX.resize(size_t(n));
-    pairGradY.resize(size_t(n));
-    residualC.resize(size_t(n));
+    growTo(residualG, n);
+    growTo(pairGray, n);
+    growTo(pairGradX, n);
+    growTo(pairGradY, n);
+    growTo(residualC, n);
 }
 
 void associatePoint(const Intrinsics& k, const TargetMaps& target, const CompactSource& source,

@@ -42,6 +42,8 @@ struct AssociationLimits {
 };
 
 // What each source index found in the last pass; an entry counts only when its flag is set.
+// The arrays hold at least N entries (a reused workspace may hold more); the resize calls clear
+// the first N flags.
 // The flags are bytes, so that threads whose blocks meet never share a flag.
 struct PairArrays {
     std::vector<uint8_t> matchFlags;
