@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "image/float3_lanes.h"
+#include "image/normal_kernel.h"
 #include "image/vertex_normal_maps.h"
 
 namespace kestor {
@@ -16,51 +17,87 @@ inline Float3 backProject(float z, float columnFactor, float rowFactor, bool kee
     return Float3{0.0f, 0.0f, 0.0f};
 }
 
+// Back-projects row v into the vertex map and, when `planes` is given, into planes x, y, z at
+// index u + 1 as well.
+void backProjectRow(const ImageView<const float>& depth, const uint8_t* mask, int v,
+                    const std::vector<float>& columnFactor, float rowFactor,
+                    const ImageView<Float3>& vmap, float* const* planes) {
+    const int width = depth.width;
+    Float3* out = rowOf(vmap, v);
+    const float* d = rowOf(depth, v);
+    const __m256 zero = _mm256_setzero_ps();
+    const __m256 f = _mm256_set1_ps(rowFactor);
+    // Eight pixels at a time: the same products as the scalar form, with skipped pixels zeroed
+    // by the lane mask, so every pixel of the row is written exactly once.
+    int u = 0;
+    for (; u + 8 <= width; u += 8) {
+        const __m256 z = _mm256_loadu_ps(d + u);
+        __m256 keep = _mm256_cmp_ps(z, zero, _CMP_GT_OQ);
+        if (mask != nullptr) {
+            const __m256i bytes =
+                _mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(mask + u)));
+            keep = _mm256_andnot_ps(
+                _mm256_castsi256_ps(_mm256_cmpeq_epi32(bytes, _mm256_setzero_si256())), keep);
+        }
+        const Lanes3 p{
+            _mm256_and_ps(keep, _mm256_mul_ps(z, _mm256_loadu_ps(&columnFactor[size_t(u)]))),
+            _mm256_and_ps(keep, _mm256_mul_ps(z, f)), _mm256_and_ps(keep, z)};
+        storeLanes3(&out[u].x, p);
+        if (planes != nullptr) {
+            _mm256_storeu_ps(planes[0] + u + 1, p.x);
+            _mm256_storeu_ps(planes[1] + u + 1, p.y);
+            _mm256_storeu_ps(planes[2] + u + 1, p.z);
+        }
+    }
+    for (; u < width; ++u) {
+        out[u] = backProject(d[u], columnFactor[size_t(u)], rowFactor, mask == nullptr || mask[u] != 0);
+        if (planes != nullptr) {
+            planes[0][u + 1] = out[u].x;
+            planes[1][u + 1] = out[u].y;
+            planes[2][u + 1] = out[u].z;
+        }
+    }
+}
+
+// The column factors (u - cx) / fx, the same on every row: one division per column. The table
+// lives as long as the thread, so repeated calls do not allocate.
+const std::vector<float>& columnFactors(const Intrinsics& k, int width) {
+    thread_local std::vector<float> table;
+    if (table.size() < size_t(width)) table.resize(size_t(width));
+    for (int u = 0; u < width; ++u) table[size_t(u)] = (float(u) - k.cx) / k.fx;
+    return table;
+}
+
+const uint8_t* maskRows(const ImageView<const uint8_t>& mask, int width, int height) {
+    const bool useMask = mask.data != nullptr && mask.width > 0 && mask.height > 0 &&
+                         mask.width == width && mask.height == height;
+    return useMask ? mask.data : nullptr;
+}
+
 }  // namespace
 
 void depthToVmap(const Intrinsics& k, const ImageView<const float>& depth,
                  const ImageView<const uint8_t>& mask, const ImageView<Float3>& vmap) {
     const int width = depth.width;
-    const int height = depth.height;
     if (width < 1) return;
+    const std::vector<float>& columnFactor = columnFactors(k, width);
+    const bool useMask = maskRows(mask, width, depth.height) != nullptr;
+    for (int v = 0; v < depth.height; ++v)
+        backProjectRow(depth, useMask ? rowOf(mask, v) : nullptr, v, columnFactor,
+                       (float(v) - k.cy) / k.fy, vmap, nullptr);
+}
 
-    // The column factor (u - cx) / fx is the same on every row: divide once per column. The
-    // table lives as long as the thread, so repeated calls do not allocate.
-    thread_local std::vector<float> columnFactor;
-    if (columnFactor.size() < size_t(width)) columnFactor.resize(size_t(width));
-    for (int u = 0; u < width; ++u) columnFactor[size_t(u)] = (float(u) - k.cx) / k.fx;
-
-    const bool useMask = mask.data != nullptr && mask.width > 0 && mask.height > 0 &&
-                         mask.width == width && mask.height == height;
-    const __m256 zero = _mm256_setzero_ps();
-
-    // Eight pixels at a time: the same products as the scalar form, with skipped pixels zeroed
-    // by the lane mask, so every pixel of the row is written exactly once.
-    for (int v = 0; v < height; ++v) {
-        Float3* out = rowOf(vmap, v);
-        const float rowFactor = (float(v) - k.cy) / k.fy;
-        const __m256 f = _mm256_set1_ps(rowFactor);
-        const float* d = rowOf(depth, v);
-        const uint8_t* m = useMask ? rowOf(mask, v) : nullptr;
-        int u = 0;
-        for (; u + 8 <= width; u += 8) {
-            const __m256 z = _mm256_loadu_ps(d + u);
-            __m256 keep = _mm256_cmp_ps(z, zero, _CMP_GT_OQ);
-            if (m != nullptr) {
-                const __m256i bytes = _mm256_cvtepu8_epi32(
-                    _mm_loadl_epi64(reinterpret_cast<const __m128i*>(m + u)));
-                const __m256 closed = _mm256_castsi256_ps(
-                    _mm256_cmpeq_epi32(bytes, _mm256_setzero_si256()));
-                keep = _mm256_andnot_ps(closed, keep);
-            }
-            const Lanes3 p{
-                _mm256_and_ps(keep, _mm256_mul_ps(z, _mm256_loadu_ps(&columnFactor[size_t(u)]))),
-                _mm256_and_ps(keep, _mm256_mul_ps(z, f)), _mm256_and_ps(keep, z)};
-            storeLanes3(&out[u].x, p);
-        }
-        for (; u < width; ++u)
-            out[u] = backProject(d[u], columnFactor[size_t(u)], rowFactor, m == nullptr || m[u] != 0);
-    }
+void depthToVmapNmap(const Intrinsics& k, const ImageView<const float>& depth,
+                     const ImageView<const uint8_t>& mask, const ImageView<Float3>& vmap,
+                     const ImageView<Float3>& nmap) {
+    const int width = depth.width;
+    if (width < 1) return;
+    const std::vector<float>& columnFactor = columnFactors(k, width);
+    const bool useMask = maskRows(mask, width, depth.height) != nullptr;
+    normalsFromRows(width, depth.height, [&](int v, float* const* planes) {
+        backProjectRow(depth, useMask ? rowOf(mask, v) : nullptr, v, columnFactor,
+                       (float(v) - k.cy) / k.fy, vmap, planes);
+    }, nmap);
 }
 
 }  // namespace kestor

@@ -22,8 +22,8 @@ void calcPyramid(const Intrinsics& k, const float* depth, const uint8_t* color,
     const bool makeGray = color != nullptr && grays != nullptr;
 
     const auto vmap0 = mapView(vmaps[0], width, height);
-    depthToVmap(k, packedView(depth, width, height), packedView(mask, width, height), vmap0);
-    vmapToNmap(constView(vmap0), mapView(nmaps[0], width, height));
+    depthToVmapNmap(k, packedView(depth, width, height), packedView(mask, width, height), vmap0,
+                    mapView(nmaps[0], width, height));
     if (makeGray)
         colorToGray(packedView(reinterpret_cast<const Byte3*>(color), width, height),
                     packedView(grays[0], width, height));
@@ -32,8 +32,7 @@ void calcPyramid(const Intrinsics& k, const float* depth, const uint8_t* color,
         const int w = width >> l, h = height >> l;
         const int wf = width >> (l - 1), hf = height >> (l - 1);
         const auto vmap = mapView(vmaps[l], w, h);
-        subsampleVmap(constView(mapView(vmaps[l - 1], wf, hf)), vmap);
-        vmapToNmap(constView(vmap), mapView(nmaps[l], w, h));
+        subsampleVmapNmap(constView(mapView(vmaps[l - 1], wf, hf)), vmap, mapView(nmaps[l], w, h));
         if (makeGray)
             subsampleGray(packedView<const float>(grays[l - 1], wf, hf),
                           packedView(grays[l], w, h));

@@ -2,6 +2,8 @@
 #include <algorithm>
 
 #include "image/filter_kernels.h"
+#include "image/normal_kernel.h"
+#include "image/vertex_normal_maps.h"
 
 namespace kestor {
 
@@ -33,6 +35,20 @@ void everySecond(const ImageView<const T>& finer, const ImageView<T>& coarser) {
 
 void subsampleVmap(const ImageView<const Float3>& finer, const ImageView<Float3>& coarser) {
     everySecond(finer, coarser);
+}
+
+void subsampleVmapNmap(const ImageView<const Float3>& finer, const ImageView<Float3>& coarser,
+                       const ImageView<Float3>& coarserNormals) {
+    normalsFromRows(coarser.width, coarser.height, [&](int y, float* const* planes) {
+        const Float3* in = rowOf(finer, 2 * y);
+        Float3* out = rowOf(coarser, y);
+        for (int x = 0; x < coarser.width; ++x) {
+            out[x] = in[2 * x];
+            planes[0][x + 1] = out[x].x;
+            planes[1][x + 1] = out[x].y;
+            planes[2][x + 1] = out[x].z;
+        }
+    }, coarserNormals);
 }
 
 void subsampleGray(const ImageView<const float>& finer, const ImageView<float>& coarser) {

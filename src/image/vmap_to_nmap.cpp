@@ -5,10 +5,10 @@
 // Adding every kept triangle to its three corners, all A of a row pair before all B, and the row
 // pairs from the top, gives pixel (x, y) its sum in this order:
 //   A[y-1][x], B[y-1][x], B[y-1][x+1], A[y][x-1], A[y][x], B[y][x].
-// The kernel forms exactly these sums, per pixel, from the triangle normals of the two row pairs
-// that touch row y, so the float result is that of the triangle-by-triangle loop. A dropped
-// triangle is stored as +0, and adding +0 changes no sum here: every sum starts at +0 and so is
-// never -0.
+// The kernel forms exactly these sums, per pixel, so the float result is that of the
+// triangle-by-triangle loop: the first three when row pair y - 1 is done (a partial sum kept for
+// the next row), the last three onto it when row pair y is done. A dropped triangle is stored as
+// +0, and adding +0 changes no sum here: every sum starts at +0 and so is never -0.
 #include <immintrin.h>
 
 #include <cmath>
@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "image/float3_lanes.h"
+#include "image/normal_kernel.h"
 #include "image/vertex_normal_maps.h"
 
 namespace kestor {
@@ -36,23 +37,15 @@ double smallestAcceptedCosine() {
 const double kMinCosine = smallestAcceptedCosine();
 
 // The view-angle test is decided in single precision where that cannot differ from the double
-// test, and in double precision otherwise. c = -(n . P) / |P| is compared through squares, with
-// |n . P|^2 against t^2 |P|^2 for t = kMinCosine and t = 1, each widened by kMargin. The float
-// error of c is below 1e-6 as long as |n| stays near 1 and no product leaves the normal float
-// range, which kSaneRange checks; kMargin is ten times that, and any triangle inside the margin,
-// or out of range, or NaN, takes the exact double test.
+// test, and in double precision otherwise. With the unscaled normal m = b x a (n = m / |m|), the
+// float verdict compares (m . P)^2 with t^2 |P|^2 |m|^2 for t = kMinCosine and t = 1, so it
+// needs neither the division nor the square roots. It differs from c by less than 1e-6 (the
+// rounding of n and of the float sums) while |P|^2 and |m|^2 keep the products in the normal
+// float range, which the range bounds check. kMargin is ten times that: a triangle within it of
+// either limit, out of range, or NaN takes the exact double test on n.
 constexpr double kMargin = 1e-5;
-constexpr float kSmallest = 1e-18f, kLargest = 1e18f;  // bounds on |P| and on |n| before scaling
-
-struct FacingBounds {
-    __m256 acceptLow, acceptHigh, rejectLow, rejectHigh;
-};
-
-FacingBounds facingBounds() {
-    auto square = [](double t) { return _mm256_set1_ps(float(t * t)); };
-    return FacingBounds{square(kMinCosine + kMargin), square(1.0 - kMargin),
-                        square(kMinCosine - kMargin), square(1.0 + kMargin)};
-}
+constexpr float kApexMin = 0x1p-50f, kApexMax = 0x1p50f;      // on |P|^2
+constexpr float kNormalMin = 0x1p-60f, kNormalMax = 0x1p60f;  // on |m|^2
 
 // The exact cosine test of four triangles in double precision; returns a 4-bit mask.
 inline int facingMask4(__m128 nx, __m128 ny, __m128 nz, __m128 px, __m128 py, __m128 pz) {
@@ -87,160 +80,167 @@ inline void store3(float* const* planes, int i, const Lanes3& v) {
 inline Lanes3 add3(const Lanes3& a, const Lanes3& b) {
     return Lanes3{_mm256_add_ps(a.x, b.x), _mm256_add_ps(a.y, b.y), _mm256_add_ps(a.z, b.z)};
 }
-inline __m256 squaredLength(const Lanes3& v) {
-    return _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(v.x, v.x), _mm256_mul_ps(v.y, v.y)),
-                         _mm256_mul_ps(v.z, v.z));
+inline Lanes3 sub3(const Lanes3& a, const Lanes3& b) {
+    return Lanes3{_mm256_sub_ps(a.x, b.x), _mm256_sub_ps(a.y, b.y), _mm256_sub_ps(a.z, b.z)};
 }
-// v / |v| where |v| != 0 (and `also` holds), v itself elsewhere.
-inline Lanes3 normalised(const Lanes3& v, __m256 length, __m256 also) {
-    const __m256 scale = _mm256_and_ps(also, _mm256_cmp_ps(length, _mm256_setzero_ps(), _CMP_NEQ_UQ));
-    return Lanes3{_mm256_blendv_ps(v.x, _mm256_div_ps(v.x, length), scale),
-                  _mm256_blendv_ps(v.y, _mm256_div_ps(v.y, length), scale),
-                  _mm256_blendv_ps(v.z, _mm256_div_ps(v.z, length), scale)};
+inline Lanes3 and3(__m256 mask, const Lanes3& v) {
+    return Lanes3{_mm256_and_ps(mask, v.x), _mm256_and_ps(mask, v.y), _mm256_and_ps(mask, v.z)};
+}
+inline __m256 dot3(const Lanes3& a, const Lanes3& b) {
+    return _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(a.x, b.x), _mm256_mul_ps(a.y, b.y)),
+                         _mm256_mul_ps(a.z, b.z));
+}
+inline __m256 isZero(__m256 v) { return _mm256_cmp_ps(v, _mm256_setzero_ps(), _CMP_EQ_OQ); }
+inline __m256 nonZero(__m256 v) { return _mm256_cmp_ps(v, _mm256_setzero_ps(), _CMP_NEQ_UQ); }
+inline __m256 within(__m256 v, float low, float high) {
+    return _mm256_and_ps(_mm256_cmp_ps(v, _mm256_set1_ps(low), _CMP_GE_OQ),
+                         _mm256_cmp_ps(v, _mm256_set1_ps(high), _CMP_LE_OQ));
+}
+inline Lanes3 divided(const Lanes3& v, __m256 length) {
+    return Lanes3{_mm256_div_ps(v.x, length), _mm256_div_ps(v.y, length),
+                  _mm256_div_ps(v.z, length)};
+}
+// v / length where `scale` is set, v itself elsewhere.
+inline Lanes3 dividedWhere(const Lanes3& v, __m256 length, __m256 scale) {
+    const Lanes3 q = divided(v, length);
+    return Lanes3{_mm256_blendv_ps(v.x, q.x, scale), _mm256_blendv_ps(v.y, q.y, scale),
+                  _mm256_blendv_ps(v.z, q.z, scale)};
 }
 
-// The first corner of eight triangles with what the view-angle test needs of it.
-struct Apex {
-    Lanes3 p;
-    __m256 zeroZ;  // p.z == 0: no triangle at this corner counts
-    __m256 acceptLow, acceptHigh, rejectLow, rejectHigh, sane;
+// What the view-angle test needs of the first corner P of a triangle, per pixel of a row:
+// |P|^2 times the squared bounds (kMinCosine + kMargin, 1 - kMargin, kMinCosine - kMargin), and
+// whether |P|^2 is in range (all bits set) or not (zero).
+struct ApexPlanes {
+    float *acceptLow, *acceptHigh, *reach, *inRange;
 };
 
-inline Apex makeApex(const Lanes3& p, const FacingBounds& b) {
-    const __m256 norm2 = squaredLength(p);
-    const __m256 sane = _mm256_and_ps(
-        _mm256_cmp_ps(norm2, _mm256_set1_ps(kSmallest * kSmallest), _CMP_GE_OQ),
-        _mm256_cmp_ps(norm2, _mm256_set1_ps(kLargest * kLargest), _CMP_LE_OQ));
-    return Apex{p,
-                _mm256_cmp_ps(p.z, _mm256_setzero_ps(), _CMP_EQ_OQ),
-                _mm256_mul_ps(b.acceptLow, norm2),
-                _mm256_mul_ps(b.acceptHigh, norm2),
-                _mm256_mul_ps(b.rejectLow, norm2),
-                _mm256_mul_ps(b.rejectHigh, norm2),
-                sane};
+void apexRow(const float* const* p, int blocks, const ApexPlanes& out) {
+    auto square = [](double t) { return _mm256_set1_ps(float(t * t)); };
+    const __m256 acceptLow = square(kMinCosine + kMargin), acceptHigh = square(1.0 - kMargin),
+                 reach = square(kMinCosine - kMargin);
+    for (int x = 0; x < blocks * 8; x += 8) {
+        const Lanes3 P = load3(p, x);
+        const __m256 p2 = dot3(P, P);
+        _mm256_storeu_ps(out.acceptLow + x, _mm256_mul_ps(acceptLow, p2));
+        _mm256_storeu_ps(out.acceptHigh + x, _mm256_mul_ps(acceptHigh, p2));
+        _mm256_storeu_ps(out.reach + x, _mm256_mul_ps(reach, p2));
+        _mm256_storeu_ps(out.inRange + x, within(p2, kApexMin, kApexMax));
+    }
 }
 
-// The unit normal n = b x a of eight triangles (a = Q - P, b = S - P), zeroed where the triangle
-// does not count: a corner with z = 0, or a normal facing away or seen at 1.5 rad or more. A
-// triangle wound the wrong way or seen at a grazing angle is dropped, never flipped; so is a
-// degenerate one (c = 0). The operations are those of the plain per-triangle form, no fused
-// multiply-add, in the same order.
-inline Lanes3 triangleNormals(const Apex& P, const Lanes3& Q, const Lanes3& S) {
+// The unit normal n = b x a of eight triangles with corners P, Q, S (a = Q - P, b = S - P),
+// zeroed where the triangle does not count: a corner with z = 0, or a normal facing away or seen
+// at 1.5 rad or more. A triangle wound the wrong way or seen at a grazing angle is dropped, never
+// flipped; so is a degenerate one (c = 0). The float operations are those of the plain
+// per-triangle form, no fused multiply-add, in the same order.
+__attribute__((always_inline)) inline Lanes3 keptNormals(const Lanes3& P, const Lanes3& Q,
+                                                         const Lanes3& S, const ApexPlanes& apex,
+                                                         int x) {
     const __m256 zero = _mm256_setzero_ps();
-    const __m256 skipped = _mm256_or_ps(
-        P.zeroZ, _mm256_or_ps(_mm256_cmp_ps(Q.z, zero, _CMP_EQ_OQ), _mm256_cmp_ps(S.z, zero, _CMP_EQ_OQ)));
-    const int validBits = ~_mm256_movemask_ps(skipped) & 0xff;
-    if (validBits == 0) return Lanes3{zero, zero, zero};
+    const __m256 skipped = _mm256_or_ps(_mm256_or_ps(isZero(P.z), isZero(Q.z)), isZero(S.z));
+    if (_mm256_movemask_ps(skipped) == 0xff) return Lanes3{zero, zero, zero};
+    const Lanes3 a = sub3(Q, P), b = sub3(S, P);
+    const Lanes3 m{_mm256_sub_ps(_mm256_mul_ps(b.y, a.z), _mm256_mul_ps(b.z, a.y)),
+                   _mm256_sub_ps(_mm256_mul_ps(b.z, a.x), _mm256_mul_ps(b.x, a.z)),
+                   _mm256_sub_ps(_mm256_mul_ps(b.x, a.y), _mm256_mul_ps(b.y, a.x))};
+    const __m256 m2 = dot3(m, m);
+    const __m256 length = _mm256_sqrt_ps(m2);
+    // A zero length is out of range below and goes to the exact test, which redoes n.
+    Lanes3 n = divided(m, length);
 
-    const __m256 ax = _mm256_sub_ps(Q.x, P.p.x), ay = _mm256_sub_ps(Q.y, P.p.y),
-                 az = _mm256_sub_ps(Q.z, P.p.z);
-    const __m256 bx = _mm256_sub_ps(S.x, P.p.x), by = _mm256_sub_ps(S.y, P.p.y),
-                 bz = _mm256_sub_ps(S.z, P.p.z);
-    const Lanes3 cross{_mm256_sub_ps(_mm256_mul_ps(by, az), _mm256_mul_ps(bz, ay)),
-                       _mm256_sub_ps(_mm256_mul_ps(bz, ax), _mm256_mul_ps(bx, az)),
-                       _mm256_sub_ps(_mm256_mul_ps(bx, ay), _mm256_mul_ps(by, ax))};
-    const __m256 length = _mm256_sqrt_ps(squaredLength(cross));
-    const Lanes3 n = normalised(cross, length, _mm256_castsi256_ps(_mm256_set1_epi32(-1)));
-
-    // Single-precision verdict with its margins.
-    const __m256 toward = _mm256_sub_ps(
-        zero, _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(n.x, P.p.x), _mm256_mul_ps(n.y, P.p.y)),
-                            _mm256_mul_ps(n.z, P.p.z)));
-    const __m256 toward2 = _mm256_mul_ps(toward, toward);
+    // The float verdict: dot = m . P = -c |m| |P|, compared through squares.
+    const __m256 dot = dot3(m, P);
+    const __m256 dot2 = _mm256_mul_ps(dot, dot);
+    const __m256 facing = _mm256_cmp_ps(dot, zero, _CMP_LT_OQ);
     const __m256 accept = _mm256_and_ps(
-        _mm256_cmp_ps(toward, zero, _CMP_GT_OQ),
-        _mm256_and_ps(_mm256_cmp_ps(toward2, P.acceptLow, _CMP_GE_OQ),
-                      _mm256_cmp_ps(toward2, P.acceptHigh, _CMP_LE_OQ)));
-    const __m256 reject = _mm256_or_ps(
-        _mm256_cmp_ps(toward, zero, _CMP_LE_OQ),
-        _mm256_or_ps(_mm256_cmp_ps(toward2, P.rejectLow, _CMP_LT_OQ),
-                     _mm256_cmp_ps(toward2, P.rejectHigh, _CMP_GT_OQ)));
-    const __m256 sane = _mm256_and_ps(
-        P.sane, _mm256_and_ps(_mm256_cmp_ps(length, _mm256_set1_ps(kSmallest), _CMP_GE_OQ),
-                              _mm256_cmp_ps(length, _mm256_set1_ps(kLargest), _CMP_LE_OQ)));
-    const int decidedBits = _mm256_movemask_ps(_mm256_and_ps(sane, _mm256_or_ps(accept, reject)));
-    int keepBits = _mm256_movemask_ps(_mm256_and_ps(sane, accept));
-    const int undecided = validBits & ~decidedBits;
-    if (undecided != 0) {
+        facing,
+        _mm256_and_ps(_mm256_cmp_ps(dot2, _mm256_mul_ps(load(apex.acceptLow + x), m2), _CMP_GE_OQ),
+                      _mm256_cmp_ps(dot2, _mm256_mul_ps(load(apex.acceptHigh + x), m2), _CMP_LE_OQ)));
+    // Within reach of the accepted range without being in it: near one of the two limits.
+    const __m256 near = _mm256_andnot_ps(
+        accept, _mm256_and_ps(facing, _mm256_cmp_ps(dot2, _mm256_mul_ps(load(apex.reach + x), m2),
+                                                    _CMP_GE_OQ)));
+    const __m256 inRange = _mm256_and_ps(load(apex.inRange + x), within(m2, kNormalMin, kNormalMax));
+    __m256 keep = _mm256_andnot_ps(skipped, _mm256_and_ps(inRange, accept));
+    const __m256 undecided = _mm256_andnot_ps(
+        skipped, _mm256_or_ps(near, _mm256_cmp_ps(inRange, zero, _CMP_EQ_OQ)));
+    const int undecidedBits = _mm256_movemask_ps(undecided);
+    if (undecidedBits != 0) {
+        n = dividedWhere(m, length, nonZero(length));
         const int exact =
             facingMask4(_mm256_castps256_ps128(n.x), _mm256_castps256_ps128(n.y),
-                        _mm256_castps256_ps128(n.z), _mm256_castps256_ps128(P.p.x),
-                        _mm256_castps256_ps128(P.p.y), _mm256_castps256_ps128(P.p.z)) |
+                        _mm256_castps256_ps128(n.z), _mm256_castps256_ps128(P.x),
+                        _mm256_castps256_ps128(P.y), _mm256_castps256_ps128(P.z)) |
             (facingMask4(_mm256_extractf128_ps(n.x, 1), _mm256_extractf128_ps(n.y, 1),
-                         _mm256_extractf128_ps(n.z, 1), _mm256_extractf128_ps(P.p.x, 1),
-                         _mm256_extractf128_ps(P.p.y, 1), _mm256_extractf128_ps(P.p.z, 1))
+                         _mm256_extractf128_ps(n.z, 1), _mm256_extractf128_ps(P.x, 1),
+                         _mm256_extractf128_ps(P.y, 1), _mm256_extractf128_ps(P.z, 1))
              << 4);
-        keepBits = (keepBits & ~undecided) | (exact & undecided);
+        keep = _mm256_blendv_ps(keep, maskFromBits(exact), undecided);
     }
-    const __m256 keep = maskFromBits(keepBits & validBits);
-    return Lanes3{_mm256_and_ps(keep, n.x), _mm256_and_ps(keep, n.y), _mm256_and_ps(keep, n.z)};
+    return and3(keep, n);
+}
+
+// Planes `planes` shifted by `offset` entries.
+struct Shifted {
+    const float* p[3];
+    Shifted(float* const* planes, int offset)
+        : p{planes[0] + offset, planes[1] + offset, planes[2] + offset} {}
+};
+
+// One run of triangles, x in [0, blocks * 8): corners at P[x], Q[x], S[x] of their planes (P at
+// the upper row, whose apex planes are `apex`), the normal to out[x].
+void triangleRun(const Shifted& P, const Shifted& Q, const Shifted& S, const ApexPlanes& apex,
+                 int blocks, float* const* out) {
+    for (int x = 0; x < blocks * 8; x += 8)
+        store3(out, x, keptNormals(load3(P.p, x), load3(Q.p, x), load3(S.p, x), apex, x));
 }
 
 // Scratch for one call, reused by the thread. Planes of one vertex row hold pixel x at index
 // x + 1, with zeros at index 0 and past the row, so that the triangles at both ends of a row find
 // a corner of z = 0 outside the image and drop out without a test of their own. The triangle
-// runs of a row pair keep A[x] at index x + 1 (a zero A[-1] in front) and B[x] at index x.
+// runs of a row pair keep A[x] at index x + 1 (a zero A[-1] in front) and B[x] at index x; the
+// partial sums and the apex planes keep pixel x at index x.
 struct Scratch {
     int length = 0;  // floats per plane: a whole number of vectors past the row and its padding
     float* rows[2][3];
-    float* sweepA[2][3];
-    float* sweepB[2][3];
+    float* sweepA[3];
+    float* sweepB[3];
+    float* partial[3];
+    ApexPlanes apex;
 
     explicit Scratch(int width) {
         length = ((width + 2 + 7) / 8) * 8 + 8;
+        constexpr int kPlanes = 6 + 3 + 3 + 3 + 4;
         thread_local std::vector<float> buffer;
-        const size_t need = size_t(length) * 18;
+        const size_t need = size_t(length) * kPlanes;
         if (buffer.size() < need) buffer.resize(need);
         std::memset(buffer.data(), 0, sizeof(float) * need);
         float* next = buffer.data();
-        for (auto* group : {&rows, &sweepA, &sweepB})
-            for (auto& planes : *group)
-                for (float*& plane : planes) {
-                    plane = next;
-                    next += length;
-                }
+        auto take = [&]() {
+            float* plane = next;
+            next += length;
+            return plane;
+        };
+        for (auto& planes : rows)
+            for (float*& plane : planes) plane = take();
+        for (int c = 0; c < 3; ++c) sweepA[c] = take(), sweepB[c] = take(), partial[c] = take();
+        apex = ApexPlanes{take(), take(), take(), take()};
     }
 };
 
-// One vertex row into planes at index x + 1; entries past the row stay zero.
-void loadRow(const Float3* row, int width, float* const* planes) {
-    int x = 0;
-    for (; x + 8 <= width; x += 8) store3(planes, x + 1, loadLanes3(&row[x].x));
-    for (; x < width; ++x) {
-        planes[0][x + 1] = row[x].x;
-        planes[1][x + 1] = row[x].y;
-        planes[2][x + 1] = row[x].z;
-    }
-}
-
-// Triangle normals of the row pair (upper, lower), for x in [0, blocks * 8).
-void rowPairTriangles(float* const* upper, float* const* lower, int blocks,
-                      const FacingBounds& bounds, float* const* a, float* const* b) {
-    for (int block = 0; block < blocks; ++block) {
-        const int x = block * 8;
-        const Apex P = makeApex(load3(upper, x + 1), bounds);
-        const Lanes3 below = load3(lower, x + 1);
-        // A: P = p(x, y), Q = p(x + 1, y), S = p(x, y + 1).
-        store3(a, x + 1, triangleNormals(P, load3(upper, x + 2), below));
-        // B: P = p(x, y), Q = p(x, y + 1), S = p(x - 1, y + 1).
-        store3(b, x, triangleNormals(P, below, load3(lower, x)));
-    }
-}
-
-// Row y of the normal map from the triangles of row pairs y - 1 (`a0`, `b0`) and y (`a1`,
-// `b1`), in the order told at the top; `z` is the z plane of vertex row y.
-void gatherRow(float* const* a0, float* const* b0, float* const* a1, float* const* b1,
-               const float* z, int width, Float3* out) {
+// Row y of the normal map: the partial sum of row pair y - 1 plus A[x - 1], A[x], B[x] of row
+// pair y, in that order; and the partial sum of row pair y for the next row.
+void finishRow(float* const* a, float* const* b, float* const* partial, int width, Float3* out) {
     const __m256 zero = _mm256_setzero_ps();
+    const Lanes3 start{zero, zero, zero};
     for (int x = 0; x < width; x += 8) {
-        Lanes3 sum = add3(Lanes3{zero, zero, zero}, load3(a0, x + 1));
-        sum = add3(sum, load3(b0, x));
-        sum = add3(sum, load3(b0, x + 1));
-        sum = add3(sum, load3(a1, x));
-        sum = add3(sum, load3(a1, x + 1));
-        sum = add3(sum, load3(b1, x));
-        const __m256 valid = _mm256_cmp_ps(load(z + x + 1), zero, _CMP_NEQ_UQ);
-        const Lanes3 n = normalised(sum, _mm256_sqrt_ps(squaredLength(sum)), valid);
+        const Lanes3 ax = load3(a, x + 1), bx = load3(b, x);
+        Lanes3 sum = add3(load3(partial, x), load3(a, x));
+        sum = add3(add3(sum, ax), bx);
+        store3(partial, x, add3(add3(add3(start, ax), bx), load3(b, x + 1)));
+        // A pixel with z = 0 is a corner of no counted triangle, so its sum is +0 and stays so.
+        const __m256 length = _mm256_sqrt_ps(dot3(sum, sum));
+        const Lanes3 n = dividedWhere(sum, length, nonZero(length));
         if (x + 8 <= width) {
             storeLanes3(&out[x].x, n);
         } else {
@@ -255,41 +255,58 @@ void gatherRow(float* const* a0, float* const* b0, float* const* a1, float* cons
 
 bool withinViewAngle(double c) { return c >= kMinCosine && c <= 1.0; }
 
-void vmapToNmap(const ImageView<const Float3>& vmap, const ImageView<Float3>& nmap) {
-    const int width = vmap.width;
-    const int height = vmap.height;
+void normalsFromRows(int width, int height, const VertexRowSource& source,
+                     const ImageView<Float3>& nmap) {
     // A pyramid level can be zero pixels wide (width 1 at level 1): its rows have no address.
-    if (width < 1) return;
+    if (width < 1 || height < 1) return;
+    Scratch s(width);
     if (width < 2 || height < 2) {
-        for (int y = 0; y < height; ++y)
+        for (int y = 0; y < height; ++y) {
+            source(y, s.rows[0]);
             std::memset(static_cast<void*>(rowOf(nmap, y)), 0, sizeof(Float3) * size_t(width));
+        }
         return;
     }
 
-    static const FacingBounds bounds = facingBounds();
-    Scratch s(width);
     const int blocks = (width + 7) / 8;
-    int upper = 0, previous = 0;  // indices into the two rows and the two triangle runs
-    loadRow(rowOf(vmap, 0), width, s.rows[upper]);
+    int upper = 0;
+    source(0, s.rows[upper]);
     for (int y = 0; y < height; ++y) {
-        const int current = 1 - previous;
         const int lower = 1 - upper;
         if (y + 1 < height) {
-            loadRow(rowOf(vmap, y + 1), width, s.rows[lower]);
-            rowPairTriangles(s.rows[upper], s.rows[lower], blocks, bounds, s.sweepA[current],
-                             s.sweepB[current]);
+            source(y + 1, s.rows[lower]);
+            float* const* U = s.rows[upper];
+            float* const* L = s.rows[lower];
+            apexRow(Shifted(U, 1).p, blocks, s.apex);
+            // A: P = p(x, y), Q = p(x + 1, y), S = p(x, y + 1); stored at x + 1.
+            float* const aOut[3] = {s.sweepA[0] + 1, s.sweepA[1] + 1, s.sweepA[2] + 1};
+            triangleRun(Shifted(U, 1), Shifted(U, 2), Shifted(L, 1), s.apex, blocks, aOut);
+            // B: P = p(x, y), Q = p(x, y + 1), S = p(x - 1, y + 1); stored at x.
+            triangleRun(Shifted(U, 1), Shifted(L, 1), Shifted(L, 0), s.apex, blocks, s.sweepB);
         } else {
             // Below the last row there are no triangles.
             for (int c = 0; c < 3; ++c) {
-                std::memset(s.sweepA[current][c], 0, sizeof(float) * size_t(s.length));
-                std::memset(s.sweepB[current][c], 0, sizeof(float) * size_t(s.length));
+                std::memset(s.sweepA[c], 0, sizeof(float) * size_t(s.length));
+                std::memset(s.sweepB[c], 0, sizeof(float) * size_t(s.length));
             }
         }
-        gatherRow(s.sweepA[previous], s.sweepB[previous], s.sweepA[current], s.sweepB[current],
-                  s.rows[upper][2], width, rowOf(nmap, y));
-        previous = current;
+        finishRow(s.sweepA, s.sweepB, s.partial, width, rowOf(nmap, y));
         upper = lower;
     }
+}
+
+void vmapToNmap(const ImageView<const Float3>& vmap, const ImageView<Float3>& nmap) {
+    const int width = vmap.width;
+    normalsFromRows(width, vmap.height, [&](int y, float* const* planes) {
+        const Float3* row = rowOf(vmap, y);
+        int x = 0;
+        for (; x + 8 <= width; x += 8) store3(planes, x + 1, loadLanes3(&row[x].x));
+        for (; x < width; ++x) {
+            planes[0][x + 1] = row[x].x;
+            planes[1][x + 1] = row[x].y;
+            planes[2][x + 1] = row[x].z;
+        }
+    }, nmap);
 }
 
 }  // namespace kestor
