@@ -128,18 +128,21 @@ void apexRow(const float* const* p, int blocks, const ApexPlanes& out) {
     }
 }
 
-// The unit normal n = b x a of eight triangles with corners P, Q, S (a = Q - P, b = S - P),
-// zeroed where the triangle does not count: a corner with z = 0, or a normal facing away or seen
-// at 1.5 rad or more. A triangle wound the wrong way or seen at a grazing angle is dropped, never
-// flipped; so is a degenerate one (c = 0). The float operations are those of the plain
-// per-triangle form, no fused multiply-add, in the same order.
-__attribute__((always_inline)) inline Lanes3 keptNormals(const Lanes3& P, const Lanes3& Q,
-                                                         const Lanes3& S, const ApexPlanes& apex,
-                                                         int x) {
+// The apex planes of eight pixels, loaded.
+struct Apex {
+    __m256 acceptLow, acceptHigh, reach, inRange;
+};
+
+// The unit normal n = b x a of eight triangles with first corner P and edges a = Q - P,
+// b = S - P, zeroed where the triangle does not count: `skipped` (a corner with z = 0), or a
+// normal facing away or seen at 1.5 rad or more. A triangle wound the wrong way or seen at a
+// grazing angle is dropped, never flipped; so is a degenerate one (c = 0). The float operations
+// are those of the plain per-triangle form, no fused multiply-add, in the same order.
+__attribute__((always_inline)) inline Lanes3 keptNormals(const Lanes3& P, const Lanes3& a,
+                                                         const Lanes3& b, __m256 skipped,
+                                                         const Apex& apex) {
     const __m256 zero = _mm256_setzero_ps();
-    const __m256 skipped = _mm256_or_ps(_mm256_or_ps(isZero(P.z), isZero(Q.z)), isZero(S.z));
     if (_mm256_movemask_ps(skipped) == 0xff) return Lanes3{zero, zero, zero};
-    const Lanes3 a = sub3(Q, P), b = sub3(S, P);
     const Lanes3 m{_mm256_sub_ps(_mm256_mul_ps(b.y, a.z), _mm256_mul_ps(b.z, a.y)),
                    _mm256_sub_ps(_mm256_mul_ps(b.z, a.x), _mm256_mul_ps(b.x, a.z)),
                    _mm256_sub_ps(_mm256_mul_ps(b.x, a.y), _mm256_mul_ps(b.y, a.x))};
@@ -154,13 +157,13 @@ __attribute__((always_inline)) inline Lanes3 keptNormals(const Lanes3& P, const 
     const __m256 facing = _mm256_cmp_ps(dot, zero, _CMP_LT_OQ);
     const __m256 accept = _mm256_and_ps(
         facing,
-        _mm256_and_ps(_mm256_cmp_ps(dot2, _mm256_mul_ps(load(apex.acceptLow + x), m2), _CMP_GE_OQ),
-                      _mm256_cmp_ps(dot2, _mm256_mul_ps(load(apex.acceptHigh + x), m2), _CMP_LE_OQ)));
+        _mm256_and_ps(_mm256_cmp_ps(dot2, _mm256_mul_ps(apex.acceptLow, m2), _CMP_GE_OQ),
+                      _mm256_cmp_ps(dot2, _mm256_mul_ps(apex.acceptHigh, m2), _CMP_LE_OQ)));
     // Within reach of the accepted range without being in it: near one of the two limits.
     const __m256 near = _mm256_andnot_ps(
-        accept, _mm256_and_ps(facing, _mm256_cmp_ps(dot2, _mm256_mul_ps(load(apex.reach + x), m2),
+        accept, _mm256_and_ps(facing, _mm256_cmp_ps(dot2, _mm256_mul_ps(apex.reach, m2),
                                                     _CMP_GE_OQ)));
-    const __m256 inRange = _mm256_and_ps(load(apex.inRange + x), within(m2, kNormalMin, kNormalMax));
+    const __m256 inRange = _mm256_and_ps(apex.inRange, within(m2, kNormalMin, kNormalMax));
     __m256 keep = _mm256_andnot_ps(skipped, _mm256_and_ps(inRange, accept));
     const __m256 undecided = _mm256_andnot_ps(
         skipped, _mm256_or_ps(near, _mm256_cmp_ps(inRange, zero, _CMP_EQ_OQ)));
@@ -187,12 +190,29 @@ struct Shifted {
         : p{planes[0] + offset, planes[1] + offset, planes[2] + offset} {}
 };
 
-// One run of triangles, x in [0, blocks * 8): corners at P[x], Q[x], S[x] of their planes (P at
-// the upper row, whose apex planes are `apex`), the normal to out[x].
-void triangleRun(const Shifted& P, const Shifted& Q, const Shifted& S, const ApexPlanes& apex,
-                 int blocks, float* const* out) {
-    for (int x = 0; x < blocks * 8; x += 8)
-        store3(out, x, keptNormals(load3(P.p, x), load3(Q.p, x), load3(S.p, x), apex, x));
+// The triangles of the row pair (U, L): A[x] to a[x + 1], B[x] to b[x], x in [0, blocks * 8).
+void rowPairTriangles(float* const* U, float* const* L, const ApexPlanes& apexPlanes, int blocks,
+                      float* const* a, float* const* b) {
+    const __m256 zero = _mm256_setzero_ps();
+    for (int x = 0; x < blocks * 8; x += 8) {
+        // A: P = p(x, y), Q = p(x + 1, y), S = p(x, y + 1).
+        // B: P = p(x, y), Q = p(x, y + 1), S = p(x - 1, y + 1).
+        const Lanes3 P = load3(U, x + 1), right = load3(U, x + 2);
+        const Lanes3 below = load3(L, x + 1), belowLeft = load3(L, x);
+        const __m256 shared = _mm256_or_ps(isZero(P.z), isZero(below.z));
+        const __m256 skippedA = _mm256_or_ps(shared, isZero(right.z));
+        const __m256 skippedB = _mm256_or_ps(shared, isZero(belowLeft.z));
+        if (_mm256_movemask_ps(_mm256_and_ps(skippedA, skippedB)) == 0xff) {
+            store3(a, x + 1, Lanes3{zero, zero, zero});
+            store3(b, x, Lanes3{zero, zero, zero});
+            continue;
+        }
+        const Apex apex{load(apexPlanes.acceptLow + x), load(apexPlanes.acceptHigh + x),
+                        load(apexPlanes.reach + x), load(apexPlanes.inRange + x)};
+        const Lanes3 down = sub3(below, P);
+        store3(a, x + 1, keptNormals(P, sub3(right, P), down, skippedA, apex));
+        store3(b, x, keptNormals(P, down, sub3(belowLeft, P), skippedB, apex));
+    }
 }
 
 // Scratch for one call, reused by the thread. Planes of one vertex row hold pixel x at index
@@ -278,11 +298,7 @@ void normalsFromRows(int width, int height, const VertexRowSource& source,
             float* const* U = s.rows[upper];
             float* const* L = s.rows[lower];
             apexRow(Shifted(U, 1).p, blocks, s.apex);
-            // A: P = p(x, y), Q = p(x + 1, y), S = p(x, y + 1); stored at x + 1.
-            float* const aOut[3] = {s.sweepA[0] + 1, s.sweepA[1] + 1, s.sweepA[2] + 1};
-            triangleRun(Shifted(U, 1), Shifted(U, 2), Shifted(L, 1), s.apex, blocks, aOut);
-            // B: P = p(x, y), Q = p(x, y + 1), S = p(x - 1, y + 1); stored at x.
-            triangleRun(Shifted(U, 1), Shifted(L, 1), Shifted(L, 0), s.apex, blocks, s.sweepB);
+            rowPairTriangles(U, L, s.apex, blocks, s.sweepA, s.sweepB);
         } else {
             // Below the last row there are no triangles.
             for (int c = 0; c < 3; ++c) {
