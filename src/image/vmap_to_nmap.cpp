@@ -107,28 +107,9 @@ inline Lanes3 dividedWhere(const Lanes3& v, __m256 length, __m256 scale) {
                   _mm256_blendv_ps(v.z, q.z, scale)};
 }
 
-// What the view-angle test needs of the first corner P of a triangle, per pixel of a row:
-// |P|^2 times the squared bounds (kMinCosine + kMargin, 1 - kMargin, kMinCosine - kMargin), and
-// whether |P|^2 is in range (all bits set) or not (zero).
-struct ApexPlanes {
-    float *acceptLow, *acceptHigh, *reach, *inRange;
-};
-
-void apexRow(const float* const* p, int blocks, const ApexPlanes& out) {
-    auto square = [](double t) { return _mm256_set1_ps(float(t * t)); };
-    const __m256 acceptLow = square(kMinCosine + kMargin), acceptHigh = square(1.0 - kMargin),
-                 reach = square(kMinCosine - kMargin);
-    for (int x = 0; x < blocks * 8; x += 8) {
-        const Lanes3 P = load3(p, x);
-        const __m256 p2 = dot3(P, P);
-        _mm256_storeu_ps(out.acceptLow + x, _mm256_mul_ps(acceptLow, p2));
-        _mm256_storeu_ps(out.acceptHigh + x, _mm256_mul_ps(acceptHigh, p2));
-        _mm256_storeu_ps(out.reach + x, _mm256_mul_ps(reach, p2));
-        _mm256_storeu_ps(out.inRange + x, within(p2, kApexMin, kApexMax));
-    }
-}
-
-// The apex planes of eight pixels, loaded.
+// What the view-angle test needs of the first corners P of eight triangles: |P|^2 times the
+// squared bounds (kMinCosine + kMargin, 1 - kMargin, kMinCosine - kMargin), and whether |P|^2 is
+// in range.
 struct Apex {
     __m256 acceptLow, acceptHigh, reach, inRange;
 };
@@ -183,17 +164,13 @@ __attribute__((always_inline)) inline Lanes3 keptNormals(const Lanes3& P, const 
     return and3(keep, n);
 }
 
-// Planes `planes` shifted by `offset` entries.
-struct Shifted {
-    const float* p[3];
-    Shifted(float* const* planes, int offset)
-        : p{planes[0] + offset, planes[1] + offset, planes[2] + offset} {}
-};
-
 // The triangles of the row pair (U, L): A[x] to a[x + 1], B[x] to b[x], x in [0, blocks * 8).
-void rowPairTriangles(float* const* U, float* const* L, const ApexPlanes& apexPlanes, int blocks,
-                      float* const* a, float* const* b) {
+void rowPairTriangles(float* const* U, float* const* L, int blocks, float* const* a,
+                      float* const* b) {
     const __m256 zero = _mm256_setzero_ps();
+    auto square = [](double t) { return _mm256_set1_ps(float(t * t)); };
+    const __m256 acceptLow = square(kMinCosine + kMargin), acceptHigh = square(1.0 - kMargin),
+                 reach = square(kMinCosine - kMargin);
     for (int x = 0; x < blocks * 8; x += 8) {
         // A: P = p(x, y), Q = p(x + 1, y), S = p(x, y + 1).
         // B: P = p(x, y), Q = p(x, y + 1), S = p(x - 1, y + 1).
@@ -207,8 +184,9 @@ void rowPairTriangles(float* const* U, float* const* L, const ApexPlanes& apexPl
             store3(b, x, Lanes3{zero, zero, zero});
             continue;
         }
-        const Apex apex{load(apexPlanes.acceptLow + x), load(apexPlanes.acceptHigh + x),
-                        load(apexPlanes.reach + x), load(apexPlanes.inRange + x)};
+        const __m256 p2 = dot3(P, P);
+        const Apex apex{_mm256_mul_ps(acceptLow, p2), _mm256_mul_ps(acceptHigh, p2),
+                        _mm256_mul_ps(reach, p2), within(p2, kApexMin, kApexMax)};
         const Lanes3 down = sub3(below, P);
         store3(a, x + 1, keptNormals(P, sub3(right, P), down, skippedA, apex));
         store3(b, x, keptNormals(P, down, sub3(belowLeft, P), skippedB, apex));
@@ -219,18 +197,17 @@ void rowPairTriangles(float* const* U, float* const* L, const ApexPlanes& apexPl
 // x + 1, with zeros at index 0 and past the row, so that the triangles at both ends of a row find
 // a corner of z = 0 outside the image and drop out without a test of their own. The triangle
 // runs of a row pair keep A[x] at index x + 1 (a zero A[-1] in front) and B[x] at index x; the
-// partial sums and the apex planes keep pixel x at index x.
+// partial sums keep pixel x at index x.
 struct Scratch {
     int length = 0;  // floats per plane: a whole number of vectors past the row and its padding
     float* rows[2][3];
     float* sweepA[3];
     float* sweepB[3];
     float* partial[3];
-    ApexPlanes apex;
 
     explicit Scratch(int width) {
         length = ((width + 2 + 7) / 8) * 8 + 8;
-        constexpr int kPlanes = 6 + 3 + 3 + 3 + 4;
+        constexpr int kPlanes = 6 + 3 + 3 + 3;
         thread_local std::vector<float> buffer;
         const size_t need = size_t(length) * kPlanes;
         if (buffer.size() < need) buffer.resize(need);
@@ -244,7 +221,6 @@ struct Scratch {
         for (auto& planes : rows)
             for (float*& plane : planes) plane = take();
         for (int c = 0; c < 3; ++c) sweepA[c] = take(), sweepB[c] = take(), partial[c] = take();
-        apex = ApexPlanes{take(), take(), take(), take()};
     }
 };
 
@@ -297,8 +273,7 @@ void normalsFromRows(int width, int height, const VertexRowSource& source,
             source(y + 1, s.rows[lower]);
             float* const* U = s.rows[upper];
             float* const* L = s.rows[lower];
-            apexRow(Shifted(U, 1).p, blocks, s.apex);
-            rowPairTriangles(U, L, s.apex, blocks, s.sweepA, s.sweepB);
+            rowPairTriangles(U, L, blocks, s.sweepA, s.sweepB);
         } else {
             // Below the last row there are no triangles.
             for (int c = 0; c < 3; ++c) {
