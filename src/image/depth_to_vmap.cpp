@@ -68,10 +68,10 @@ const std::vector<float>& columnFactors(const Intrinsics& k, int width) {
     return table;
 }
 
-const uint8_t* maskRows(const ImageView<const uint8_t>& mask, int width, int height) {
-    const bool useMask = mask.data != nullptr && mask.width > 0 && mask.height > 0 &&
-                         mask.width == width && mask.height == height;
-    return useMask ? mask.data : nullptr;
+// The mask counts only with data and the size of the depth image.
+bool maskCounts(const ImageView<const uint8_t>& mask, int width, int height) {
+    return mask.data != nullptr && mask.width > 0 && mask.height > 0 && mask.width == width &&
+           mask.height == height;
 }
 
 }  // namespace
@@ -81,7 +81,7 @@ void depthToVmap(const Intrinsics& k, const ImageView<const float>& depth,
     const int width = depth.width;
     if (width < 1) return;
     const std::vector<float>& columnFactor = columnFactors(k, width);
-    const bool useMask = maskRows(mask, width, depth.height) != nullptr;
+    const bool useMask = maskCounts(mask, width, depth.height);
     for (int v = 0; v < depth.height; ++v)
         backProjectRow(depth, useMask ? rowOf(mask, v) : nullptr, v, columnFactor,
                        (float(v) - k.cy) / k.fy, vmap, nullptr);
@@ -93,7 +93,7 @@ void depthToVmapNmap(const Intrinsics& k, const ImageView<const float>& depth,
     const int width = depth.width;
     if (width < 1) return;
     const std::vector<float>& columnFactor = columnFactors(k, width);
-    const bool useMask = maskRows(mask, width, depth.height) != nullptr;
+    const bool useMask = maskCounts(mask, width, depth.height);
     normalsFromRows(width, depth.height, [&](int v, float* const* planes) {
         backProjectRow(depth, useMask ? rowOf(mask, v) : nullptr, v, columnFactor,
                        (float(v) - k.cy) / k.fy, vmap, planes);
