@@ -49,13 +49,10 @@ void calcPyramid(const Intrinsics& k, const float* depth, const uint8_t* color,
         const auto gy = packedView(gradYs[l], w, h);
         filterColumns(constView(gray), kernel.data(), taps, gx);
         filterRows(constView(gx), kernel.data(), taps, gray);
-        if (useMagnitude) {
-            centralGradientX(constView(gray), gx);
-            centralGradientY(constView(gray), gy);
-            gradientMagnitude(constView(gx), constView(gy), gray);
-        }
-        centralGradientX(constView(gray), gx);
-        centralGradientY(constView(gray), gy);
+        // With the magnitude, the gradients of the smoothed image are used only to form it and
+        // are overwritten below, so they are never stored.
+        if (useMagnitude) centralGradientMagnitude(gray);
+        centralGradients(constView(gray), gx, gy);
     }
 }
 
