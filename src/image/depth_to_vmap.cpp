@@ -89,7 +89,7 @@ void depthToVmap(const Intrinsics& k, const ImageView<const float>& depth,
 
 void depthToVmapNmap(const Intrinsics& k, const ImageView<const float>& depth,
                      const ImageView<const uint8_t>& mask, const ImageView<Float3>& vmap,
-                     const ImageView<Float3>& nmap) {
+                     const ImageView<Float3>& nmap, const ImageView<Float3>* sampled) {
     const int width = depth.width;
     if (width < 1) return;
     const std::vector<float>& columnFactor = columnFactors(k, width);
@@ -97,6 +97,8 @@ void depthToVmapNmap(const Intrinsics& k, const ImageView<const float>& depth,
     normalsFromRows(width, depth.height, [&](int v, float* const* planes) {
         backProjectRow(depth, useMask ? rowOf(mask, v) : nullptr, v, columnFactor,
                        (float(v) - k.cy) / k.fy, vmap, planes);
+        if (sampled != nullptr && v % 2 == 0 && v / 2 < sampled->height && sampled->width > 0)
+            sampleVertexRow(rowOf(vmap, v), sampled->width, rowOf(*sampled, v / 2), nullptr);
     }, nmap);
 }
 

@@ -16,4 +16,8 @@ using VertexRowSource = std::function<void(int y, float* const* planes)>;
 void normalsFromRows(int width, int height, const VertexRowSource& source,
                      const ImageView<Float3>& nmap);
 
+// Every second vertex of the finer row `in` into `out` (width coarser pixels), and into planes as
+// above when `planes` is not null.
+void sampleVertexRow(const Float3* in, int width, Float3* out, float* const* planes);
+
 }  // namespace kestor

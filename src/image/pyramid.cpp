@@ -21,9 +21,11 @@ void calcPyramid(const Intrinsics& k, const float* depth, const uint8_t* color,
                  int height, int levels, bool useMagnitude, double sigma) {
     const bool makeGray = color != nullptr && grays != nullptr;
 
+    // Level 1's vertices are sampled from level 0's rows as they are made.
     const auto vmap0 = mapView(vmaps[0], width, height);
+    const auto vmap1 = levels > 1 ? mapView(vmaps[1], width >> 1, height >> 1) : ImageView<Float3>{};
     depthToVmapNmap(k, packedView(depth, width, height), packedView(mask, width, height), vmap0,
-                    mapView(nmaps[0], width, height));
+                    mapView(nmaps[0], width, height), levels > 1 ? &vmap1 : nullptr);
     if (makeGray)
         colorToGray(packedView(reinterpret_cast<const Byte3*>(color), width, height),
                     packedView(grays[0], width, height));
@@ -32,7 +34,10 @@ void calcPyramid(const Intrinsics& k, const float* depth, const uint8_t* color,
         const int w = width >> l, h = height >> l;
         const int wf = width >> (l - 1), hf = height >> (l - 1);
         const auto vmap = mapView(vmaps[l], w, h);
-        subsampleVmapNmap(constView(mapView(vmaps[l - 1], wf, hf)), vmap, mapView(nmaps[l], w, h));
+        if (l == 1)
+            vmapToNmap(constView(vmap), mapView(nmaps[l], w, h));
+        else
+            subsampleVmapNmap(constView(mapView(vmaps[l - 1], wf, hf)), vmap, mapView(nmaps[l], w, h));
         if (makeGray)
             subsampleGray(packedView<const float>(grays[l - 1], wf, hf),
                           packedView(grays[l], w, h));

@@ -80,26 +80,30 @@ void subsampleVmap(const ImageView<const Float3>& finer, const ImageView<Float3>
     everySecond(finer, coarser);
 }
 
+void sampleVertexRow(const Float3* in, int width, Float3* out, float* const* planes) {
+    int x = 0;
+    for (; x + 8 <= width; x += 8) {
+        const Lanes3 a = loadLanes3(&in[2 * x].x), b = loadLanes3(&in[2 * x + 8].x);
+        const Lanes3 p{evenLanes(a.x, b.x), evenLanes(a.y, b.y), evenLanes(a.z, b.z)};
+        storeLanes3(&out[x].x, p);
+        if (planes == nullptr) continue;
+        _mm256_storeu_ps(planes[0] + x + 1, p.x);
+        _mm256_storeu_ps(planes[1] + x + 1, p.y);
+        _mm256_storeu_ps(planes[2] + x + 1, p.z);
+    }
+    for (; x < width; ++x) {
+        out[x] = in[2 * x];
+        if (planes == nullptr) continue;
+        planes[0][x + 1] = out[x].x;
+        planes[1][x + 1] = out[x].y;
+        planes[2][x + 1] = out[x].z;
+    }
+}
+
 void subsampleVmapNmap(const ImageView<const Float3>& finer, const ImageView<Float3>& coarser,
                        const ImageView<Float3>& coarserNormals) {
     normalsFromRows(coarser.width, coarser.height, [&](int y, float* const* planes) {
-        const Float3* in = rowOf(finer, 2 * y);
-        Float3* out = rowOf(coarser, y);
-        int x = 0;
-        for (; x + 8 <= coarser.width; x += 8) {
-            const Lanes3 a = loadLanes3(&in[2 * x].x), b = loadLanes3(&in[2 * x + 8].x);
-            const Lanes3 p{evenLanes(a.x, b.x), evenLanes(a.y, b.y), evenLanes(a.z, b.z)};
-            storeLanes3(&out[x].x, p);
-            _mm256_storeu_ps(planes[0] + x + 1, p.x);
-            _mm256_storeu_ps(planes[1] + x + 1, p.y);
-            _mm256_storeu_ps(planes[2] + x + 1, p.z);
-        }
-        for (; x < coarser.width; ++x) {
-            out[x] = in[2 * x];
-            planes[0][x + 1] = out[x].x;
-            planes[1][x + 1] = out[x].y;
-            planes[2][x + 1] = out[x].z;
-        }
+        sampleVertexRow(rowOf(finer, 2 * y), coarser.width, rowOf(coarser, y), planes);
     }, coarserNormals);
 }
 
