@@ -13,7 +13,6 @@
 
 #include <cmath>
 #include <cstring>
-#include <utility>
 #include <vector>
 
 #include "image/float3_lanes.h"
