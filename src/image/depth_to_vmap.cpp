@@ -3,7 +3,7 @@
 #include <cstring>
 #include <vector>
 
-#include "image/float3_lanes.h"
+#include "core/float3_lanes.h"
 #include "image/normal_kernel.h"
 #include "image/vertex_normal_maps.h"
 
@@ -33,16 +33,11 @@ void backProjectRow(const ImageView<const float>& depth, const uint8_t* mask, in
     for (; u + 8 <= width; u += 8) {
         const __m256 z = _mm256_loadu_ps(d + u);
         __m256 keep = _mm256_cmp_ps(z, zero, _CMP_GT_OQ);
-        if (mask != nullptr) {
-            const __m256i bytes =
-                _mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(mask + u)));
-            keep = _mm256_andnot_ps(
-                _mm256_castsi256_ps(_mm256_cmpeq_epi32(bytes, _mm256_setzero_si256())), keep);
-        }
+        if (mask != nullptr) keep = _mm256_and_ps(flagLanes(mask + u), keep);
         const Lanes3 p{
             _mm256_and_ps(keep, _mm256_mul_ps(z, _mm256_loadu_ps(&columnFactor[size_t(u)]))),
             _mm256_and_ps(keep, _mm256_mul_ps(z, f)), _mm256_and_ps(keep, z)};
-        storeLanes3(&out[u].x, p);
+        storeLanes(&out[u], p);
         if (planes != nullptr) {
             _mm256_storeu_ps(planes[0] + u + 1, p.x);
             _mm256_storeu_ps(planes[1] + u + 1, p.y);

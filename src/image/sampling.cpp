@@ -3,8 +3,8 @@
 
 #include <algorithm>
 
+#include "core/float3_lanes.h"
 #include "image/filter_kernels.h"
-#include "image/float3_lanes.h"
 #include "image/normal_kernel.h"
 #include "image/vertex_normal_maps.h"
 
@@ -83,9 +83,9 @@ void subsampleVmap(const ImageView<const Float3>& finer, const ImageView<Float3>
 void sampleVertexRow(const Float3* in, int width, Float3* out, float* const* planes) {
     int x = 0;
     for (; x + 8 <= width; x += 8) {
-        const Lanes3 a = loadLanes3(&in[2 * x].x), b = loadLanes3(&in[2 * x + 8].x);
+        const Lanes3 a = loadLanes(&in[2 * x]), b = loadLanes(&in[2 * x + 8]);
         const Lanes3 p{evenLanes(a.x, b.x), evenLanes(a.y, b.y), evenLanes(a.z, b.z)};
-        storeLanes3(&out[x].x, p);
+        storeLanes(&out[x], p);
         if (planes == nullptr) continue;
         _mm256_storeu_ps(planes[0] + x + 1, p.x);
         _mm256_storeu_ps(planes[1] + x + 1, p.y);

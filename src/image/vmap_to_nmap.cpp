@@ -15,7 +15,7 @@
 #include <cstring>
 #include <vector>
 
-#include "image/float3_lanes.h"
+#include "core/float3_lanes.h"
 #include "image/normal_kernel.h"
 #include "image/vertex_normal_maps.h"
 
@@ -79,18 +79,10 @@ inline void store3(float* const* planes, int i, const Lanes3& v) {
 inline Lanes3 add3(const Lanes3& a, const Lanes3& b) {
     return Lanes3{_mm256_add_ps(a.x, b.x), _mm256_add_ps(a.y, b.y), _mm256_add_ps(a.z, b.z)};
 }
-inline Lanes3 sub3(const Lanes3& a, const Lanes3& b) {
-    return Lanes3{_mm256_sub_ps(a.x, b.x), _mm256_sub_ps(a.y, b.y), _mm256_sub_ps(a.z, b.z)};
-}
 inline Lanes3 and3(__m256 mask, const Lanes3& v) {
     return Lanes3{_mm256_and_ps(mask, v.x), _mm256_and_ps(mask, v.y), _mm256_and_ps(mask, v.z)};
 }
-inline __m256 dot3(const Lanes3& a, const Lanes3& b) {
-    return _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(a.x, b.x), _mm256_mul_ps(a.y, b.y)),
-                         _mm256_mul_ps(a.z, b.z));
-}
 inline __m256 isZero(__m256 v) { return _mm256_cmp_ps(v, _mm256_setzero_ps(), _CMP_EQ_OQ); }
-inline __m256 nonZero(__m256 v) { return _mm256_cmp_ps(v, _mm256_setzero_ps(), _CMP_NEQ_UQ); }
 inline __m256 within(__m256 v, float low, float high) {
     return _mm256_and_ps(_mm256_cmp_ps(v, _mm256_set1_ps(low), _CMP_GE_OQ),
                          _mm256_cmp_ps(v, _mm256_set1_ps(high), _CMP_LE_OQ));
@@ -126,13 +118,13 @@ __attribute__((always_inline)) inline Lanes3 keptNormals(const Lanes3& P, const 
     const Lanes3 m{_mm256_sub_ps(_mm256_mul_ps(b.y, a.z), _mm256_mul_ps(b.z, a.y)),
                    _mm256_sub_ps(_mm256_mul_ps(b.z, a.x), _mm256_mul_ps(b.x, a.z)),
                    _mm256_sub_ps(_mm256_mul_ps(b.x, a.y), _mm256_mul_ps(b.y, a.x))};
-    const __m256 m2 = dot3(m, m);
+    const __m256 m2 = dotLanes(m, m);
     const __m256 length = _mm256_sqrt_ps(m2);
     // A zero length is out of range below and goes to the exact test, which redoes n.
     Lanes3 n = divided(m, length);
 
     // The float verdict: dot = m . P = -c |m| |P|, compared through squares.
-    const __m256 dot = dot3(m, P);
+    const __m256 dot = dotLanes(m, P);
     const __m256 dot2 = _mm256_mul_ps(dot, dot);
     const __m256 facing = _mm256_cmp_ps(dot, zero, _CMP_LT_OQ);
     const __m256 accept = _mm256_and_ps(
@@ -183,12 +175,12 @@ void rowPairTriangles(float* const* U, float* const* L, int blocks, float* const
             store3(b, x, Lanes3{zero, zero, zero});
             continue;
         }
-        const __m256 p2 = dot3(P, P);
+        const __m256 p2 = dotLanes(P, P);
         const Apex apex{_mm256_mul_ps(acceptLow, p2), _mm256_mul_ps(acceptHigh, p2),
                         _mm256_mul_ps(reach, p2), within(p2, kApexMin, kApexMax)};
-        const Lanes3 down = sub3(below, P);
-        store3(a, x + 1, keptNormals(P, sub3(right, P), down, skippedA, apex));
-        store3(b, x, keptNormals(P, down, sub3(belowLeft, P), skippedB, apex));
+        const Lanes3 down = differenceLanes(below, P);
+        store3(a, x + 1, keptNormals(P, differenceLanes(right, P), down, skippedA, apex));
+        store3(b, x, keptNormals(P, down, differenceLanes(belowLeft, P), skippedB, apex));
     }
 }
 
@@ -234,13 +226,13 @@ void finishRow(float* const* a, float* const* b, float* const* partial, int widt
         sum = add3(add3(sum, ax), bx);
         store3(partial, x, add3(add3(add3(start, ax), bx), load3(b, x + 1)));
         // A pixel with z = 0 is a corner of no counted triangle, so its sum is +0 and stays so.
-        const __m256 length = _mm256_sqrt_ps(dot3(sum, sum));
+        const __m256 length = _mm256_sqrt_ps(dotLanes(sum, sum));
         const Lanes3 n = dividedWhere(sum, length, nonZero(length));
         if (x + 8 <= width) {
-            storeLanes3(&out[x].x, n);
+            storeLanes(&out[x], n);
         } else {
-            float tail[24];
-            storeLanes3(tail, n);
+            Float3 tail[8];
+            storeLanes(tail, n);
             std::memcpy(static_cast<void*>(&out[x]), tail, sizeof(Float3) * size_t(width - x));
         }
     }
@@ -290,7 +282,7 @@ void vmapToNmap(const ImageView<const Float3>& vmap, const ImageView<Float3>& nm
     normalsFromRows(width, vmap.height, [&](int y, float* const* planes) {
         const Float3* row = rowOf(vmap, y);
         int x = 0;
-        for (; x + 8 <= width; x += 8) store3(planes, x + 1, loadLanes3(&row[x].x));
+        for (; x + 8 <= width; x += 8) store3(planes, x + 1, loadLanes(&row[x]));
         for (; x < width; ++x) {
             planes[0][x + 1] = row[x].x;
             planes[1][x + 1] = row[x].y;
