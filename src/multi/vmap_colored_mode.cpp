@@ -1,37 +1,18 @@
 // The coloured mode on image grids: one-sided point to plane plus the gray difference of the two
-// matched pixels. Rows are collected for all pairs first, so that each residual kind can be
-// centred and scaled by its spread over the whole set before any pair is summed.
+// matched pixels. Every pair is associated first for its residuals' sums only, so that each
+// residual kind can be centred and scaled by its spread over the whole set; linearising a pair
+// then associates it again at the same pose, which gives the same matches, and sums its
+// weighted rows on the way instead of storing them.
 #include <cmath>
+#include <limits>
 
+#include "core/parallel_for.h"
 #include "multi/colored_rows.h"
-#include "multi/projective_association.h"
 #include "multi/vmap_modes.h"
+#include "multi/vmap_pair_passes.h"
+#include "multi/vmap_run.h"
 
 namespace kestor {
-
-namespace {
-
-// The rows of pair (target, source) at relative pose T; returns the pair's score.
-double collectVmapRows(const FrameMaps& target, const FrameMaps& source, const Intrinsics& k,
-                       const RT_<float>& T, const ProjectiveTest& test, PairRows& rows) {
-    return associateProjective(
-        source.vmap, source.nmap, target.vmap, target.nmap, k, T, test,
-        [&](int s, int t, const Float3&, const float* p, const Float3& q, const Float3* n) {
-            const float rg = (p[0] - q.x) * n->x + (p[1] - q.y) * n->y + (p[2] - q.z) * n->z;
-            float geometric[6];
-            crossRow(p, &n->x, geometric);
-            const float rc = atFlat(target.gray, t) - atFlat(source.gray, s);
-            // The target's gradients are read at the source pixel's own row and column.
-            const float gx = atFlat(target.gradX, s), gy = atFlat(target.gradY, s);
-            const float d[3] = {gx * k.fx / p[2], gy * k.fy / p[2],
-                                -(p[1] * gy * k.fy + p[0] * gx * k.fx) / (p[2] * p[2])};
-            float photometric[6];
-            crossRow(p, d, photometric);
-            rows.add(s, t, rg, geometric, rc, photometric);
-        });
-}
-
-}  // namespace
 
 bool alignVmapNmapsColored(const std::vector<FrameMaps>& frames, const Intrinsics& k,
                            std::vector<RT_<double>>& poses, const MultiOptions& options,
@@ -40,21 +21,55 @@ bool alignVmapNmapsColored(const std::vector<FrameMaps>& frames, const Intrinsic
     if (count < 2) return false;
     const ProjectiveTest test{float(options.maxDistance * options.maxDistance),
                               float(std::cos(options.maxAngle)), true};
-    return alignColoredPairs(
-        count, poses, options, progress,
-        [&](int i, int j, const RT_<float>& T, PairRows& rows) {
-            return collectVmapRows(frames[size_t(i)], frames[size_t(j)], k, T, test, rows);
-        },
-        [&](int i, int j, const RT_<float>& T, const std::pair<int32_t, int32_t>& m, double& rg,
-            double& rc) {
-            const FrameMaps &target = frames[size_t(i)], &source = frames[size_t(j)];
-            const Float3& p = atFlat(source.vmap, m.first);
-            const Float3 &q = atFlat(target.vmap, m.second), &n = atFlat(target.nmap, m.second);
-            float pt[3];
-            transformPoint(T, &p.x, pt);
-            rg = (pt[0] - q.x) * n.x + (pt[1] - q.y) * n.y + (pt[2] - q.z) * n.z;
-            rc = atFlat(target.gray, m.second) - atFlat(source.gray, m.first);
+    VmapRun run(frames, true);
+    // Whether a pair's first pass at the current poses scored above minScore with some match.
+    std::vector<unsigned char> qualified(size_t(pairSlotCount(count)), 0);
+    ColoredScales scales;
+
+    const PairsChanged pairsChanged = [&](const FramePair* pairs, const unsigned char* active,
+                                          int n) {
+        std::vector<ResidualStats> slots(size_t(loopSlots(options.parallel)), ResidualStats{});
+        runLoop(options.parallel, 0, n, [&](int begin, int end, int slot) {
+            for (int p = begin; p < end; ++p) {
+                if (!active[p]) continue;
+                const int i = pairs[p].first, j = pairs[p].second;
+                const CompactFrame& source = run.sources[size_t(j)];
+                ResidualStats stats{};
+                const int kept = coloredStatsPass(
+                    source, frames[size_t(i)], k, relativePose(poses[size_t(i)], poses[size_t(j)]),
+                    test, 0, source.size(), run.targetsOf(i, j), stats);
+                const bool taken = kept > 0 && matchScore(kept, source.size()) > options.minScore;
+                qualified[size_t(pairSlot(i, j))] = taken;
+                if (taken) addStats(slots[size_t(slot)], stats);
+            }
         });
+        scales.update(slots, options.colorWeight);
+    };
+
+    const PairLinearize linearize = [&](int i, int j, const RT_<double>& poseI,
+                                        const RT_<double>& poseJ, PairBlock& hII, PairBlock& hIJ,
+                                        PairBlock& hJJ, PairVector& gI, PairVector& gJ) {
+        if (!qualified[size_t(pairSlot(i, j))]) return std::numeric_limits<double>::quiet_NaN();
+        const CompactFrame& source = run.sources[size_t(j)];
+        RowSums<6> sums;
+        double error = 0.0;
+        coloredRowsPass(source, frames[size_t(i)], k, relativePose(poseI, poseJ), test, scales, 0,
+                        source.size(), run.targetsOf(i, j), sums, error);
+        sums.mirror();
+        fillOneSided(sums, hII, hIJ, hJJ, gI, gJ);
+        return error;
+    };
+
+    const PairEvaluate evaluate = [&](int i, int j, const RT_<double>& poseI,
+                                      const RT_<double>& poseJ) {
+        const CompactFrame& source = run.sources[size_t(j)];
+        return coloredErrorPass(source, frames[size_t(i)], relativePose(poseI, poseJ), scales,
+                                run.targetsOf(i, j), 0, source.size());
+    };
+
+    return alignFrames(linearize, evaluate, poses.data(), count, options.iterations,
+                       options.refreshInterval, options.log, true, progress, pairsChanged,
+                       options.parallel);
 }
 
 }  // namespace kestor
