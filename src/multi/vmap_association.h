@@ -11,15 +11,17 @@
 #include "core/intrinsics.h"
 #include "multi/compact_frame.h"
 #include "multi/projective_association.h"
+#include "multi/target_records.h"
 
 namespace kestor {
 
 // One kept element: the moved point, the target vertex and normal (zero without normals), their
-// difference p - q and the target pixel's flat index.
+// difference p - q, the target pixel's gray (coloured records only) and flat index.
 struct MatchOne {
     float p[3];
     Float3 q, n;
     float d[3];
+    float gray;
     int target;
 };
 
@@ -27,22 +29,9 @@ struct MatchOne {
 struct MatchLanes {
     __m256 ok;
     Lanes3 p, q, n, d;
+    __m256 gray;
     __m256i target;
 };
-
-template <typename T>
-inline bool packedForLanes(const ImageView<const T>& view) {
-    return view.data != nullptr && view.stride == int32_t(view.width * int(sizeof(T))) &&
-           lanesCanRead(view);
-}
-
-// Whether the lane passes may address every map they read by flat element index.
-inline bool lanesFit(const FrameMaps& target, bool normals, bool colour) {
-    if (!packedForLanes(target.vmap)) return false;
-    if (normals && !packedForLanes(target.nmap)) return false;
-    return !colour || (packedForLanes(target.gray) && packedForLanes(target.gradX) &&
-                       packedForLanes(target.gradY));
-}
 
 inline __m256 nonZeroLanes(const Lanes3& n) {
     return _mm256_or_ps(_mm256_or_ps(nonZero(n.x), nonZero(n.y)), nonZero(n.z));
@@ -54,17 +43,15 @@ inline bool anyLane(__m256 mask) { return _mm256_movemask_ps(mask) != 0; }
 // -1, and every kept element goes to sink.lanes(e, MatchLanes) (eight from e, `ok` marking the
 // kept ones) or sink.single(e, MatchOne). Returns the count kept.
 template <typename Sink>
-int associateCompact(const CompactFrame& source, const FrameMaps& target, const Intrinsics& k,
-                     const RT_<float>& T, const ProjectiveTest& test, bool lanes, int begin,
-                     int end, int32_t* targets, Sink& sink) {
-    const int width = target.vmap.width;
-    const float fw = float(width), fh = float(target.vmap.height);
+int associateCompact(const CompactFrame& source, const TargetRecords& target, const Intrinsics& k,
+                     const RT_<float>& T, const ProjectiveTest& test, int begin, int end,
+                     int32_t* targets, Sink& sink) {
+    const int width = target.width;
+    const float fw = float(width), fh = float(target.height);
     const bool normals = test.useNormals;
     int kept = 0;
     int e = begin;
-    if (lanes) {
-        const LaneMap vl = laneMap(target.vmap);
-        const LaneMap nl = normals ? laneMap(target.nmap) : LaneMap{};
+    {
         const __m256 zero = _mm256_setzero_ps(), half = _mm256_set1_ps(0.5f);
         const __m256 fx = _mm256_set1_ps(k.fx), fy = _mm256_set1_ps(k.fy);
         const __m256 cx = _mm256_set1_ps(k.cx), cy = _mm256_set1_ps(k.cy);
@@ -88,16 +75,14 @@ int associateCompact(const CompactFrame& source, const FrameMaps& target, const 
                 continue;
             }
             const __m256i tc = _mm256_cvttps_epi32(su), tr = _mm256_cvttps_epi32(sv);
-            const __m256i vOffsets = laneOffsets(vl, tc, tr);
-            const __m256 qz = gatherLanes(vl, vOffsets, ok, 2);
-            ok = _mm256_and_ps(ok, _mm256_cmp_ps(qz, zero, _CMP_GT_OQ));
-            if (normals) {
-                m.n = gatherLanes3(nl, laneOffsets(nl, tc, tr), ok);
-                ok = _mm256_and_ps(ok, nonZeroLanes(m.n));
-            } else {
-                m.n = Lanes3{zero, zero, zero};
-            }
-            m.q = Lanes3{gatherLanes(vl, vOffsets, ok, 0), gatherLanes(vl, vOffsets, ok, 1), qz};
+            m.target = _mm256_add_epi32(_mm256_mullo_epi32(tr, widthLanes), tc);
+            __m256 c[8];
+            loadRecords(target, m.target, _mm256_castps_si256(ok), c);
+            m.q = Lanes3{c[0], c[1], c[2]};
+            m.n = Lanes3{c[3], c[4], c[5]};
+            m.gray = c[6];
+            ok = _mm256_and_ps(ok, _mm256_cmp_ps(m.q.z, zero, _CMP_GT_OQ));
+            if (normals) ok = _mm256_and_ps(ok, nonZeroLanes(m.n));
             m.d = differenceLanes(m.p, m.q);
             ok = _mm256_and_ps(ok, _mm256_cmp_ps(dotLanes(m.d, m.d), distLimit, _CMP_LT_OQ));
             if (normals) {
@@ -105,7 +90,6 @@ int associateCompact(const CompactFrame& source, const FrameMaps& target, const 
                 ok = _mm256_and_ps(ok, _mm256_cmp_ps(dotLanes(m.n, r), cosLimit, _CMP_GT_OQ));
             }
             m.ok = ok;
-            m.target = _mm256_add_epi32(_mm256_mullo_epi32(tr, widthLanes), tc);
             _mm256_storeu_si256(reinterpret_cast<__m256i*>(out),
                                 _mm256_castps_si256(_mm256_blendv_ps(
                                     _mm256_castsi256_ps(none), _mm256_castsi256_ps(m.target), ok)));
@@ -123,14 +107,13 @@ int associateCompact(const CompactFrame& source, const FrameMaps& target, const 
         const float v = k.fy * m.p[1] / m.p[2] + k.cy;
         // Written so that NaN and values past the image fail before any conversion.
         if (!(u >= 0.0f) || !(v >= 0.0f) || !(u + 0.5f < fw) || !(v + 0.5f < fh)) continue;
-        const int tc = int(u + 0.5f), tr = int(v + 0.5f);
-        m.q = rowOf(target.vmap, tr)[tc];
+        m.target = int(v + 0.5f) * width + int(u + 0.5f);
+        const float* record = target.at(m.target);
+        m.q = Float3{record[0], record[1], record[2]};
         if (!(m.q.z > 0.0f)) continue;
-        m.n = Float3{0.0f, 0.0f, 0.0f};
-        if (normals) {
-            m.n = rowOf(target.nmap, tr)[tc];
-            if (isZero(m.n)) continue;
-        }
+        m.n = Float3{record[3], record[4], record[5]};
+        if (normals && isZero(m.n)) continue;
+        m.gray = target.stride > 6 ? record[6] : 0.0f;
         m.d[0] = m.p[0] - m.q.x;
         m.d[1] = m.p[1] - m.q.y;
         m.d[2] = m.p[2] - m.q.z;
@@ -140,7 +123,6 @@ int associateCompact(const CompactFrame& source, const FrameMaps& target, const 
             rotateVector(T.rotation, &source.normals[size_t(e)].x, r);
             if (!(m.n.x * r[0] + m.n.y * r[1] + m.n.z * r[2] > test.cosMaxAngle)) continue;
         }
-        m.target = tr * width + tc;
         targets[e] = m.target;
         ++kept;
         sink.single(e, m);

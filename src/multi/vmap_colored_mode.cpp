@@ -21,7 +21,7 @@ bool alignVmapNmapsColored(const std::vector<FrameMaps>& frames, const Intrinsic
     if (count < 2) return false;
     const ProjectiveTest test{float(options.maxDistance * options.maxDistance),
                               float(std::cos(options.maxAngle)), true};
-    VmapRun run(frames, true);
+    VmapRun run(frames, true, true);
     // Whether a pair's first pass at the current poses scored above minScore with some match.
     std::vector<unsigned char> qualified(size_t(pairSlotCount(count)), 0);
     ColoredScales scales;
@@ -36,7 +36,7 @@ bool alignVmapNmapsColored(const std::vector<FrameMaps>& frames, const Intrinsic
                 const CompactFrame& source = run.sources[size_t(j)];
                 ResidualStats stats{};
                 const int kept = coloredStatsPass(
-                    source, frames[size_t(i)], k, relativePose(poses[size_t(i)], poses[size_t(j)]),
+                    source, run.records[size_t(i)], k, relativePose(poses[size_t(i)], poses[size_t(j)]),
                     test, 0, source.size(), run.targetsOf(i, j), stats);
                 const bool taken = kept > 0 && matchScore(kept, source.size()) > options.minScore;
                 qualified[size_t(pairSlot(i, j))] = taken;
@@ -53,7 +53,7 @@ bool alignVmapNmapsColored(const std::vector<FrameMaps>& frames, const Intrinsic
         const CompactFrame& source = run.sources[size_t(j)];
         RowSums<6> sums;
         double error = 0.0;
-        coloredRowsPass(source, frames[size_t(i)], k, relativePose(poseI, poseJ), test, scales, 0,
+        coloredRowsPass(source, run.records[size_t(i)], k, relativePose(poseI, poseJ), test, scales, 0,
                         source.size(), run.targetsOf(i, j), sums, error);
         sums.mirror();
         fillOneSided(sums, hII, hIJ, hJJ, gI, gJ);
@@ -63,7 +63,7 @@ bool alignVmapNmapsColored(const std::vector<FrameMaps>& frames, const Intrinsic
     const PairEvaluate evaluate = [&](int i, int j, const RT_<double>& poseI,
                                       const RT_<double>& poseJ) {
         const CompactFrame& source = run.sources[size_t(j)];
-        return coloredErrorPass(source, frames[size_t(i)], relativePose(poseI, poseJ), scales,
+        return coloredErrorPass(source, run.records[size_t(i)], relativePose(poseI, poseJ), scales,
                                 run.targetsOf(i, j), 0, source.size());
     };
 

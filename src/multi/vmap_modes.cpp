@@ -21,27 +21,27 @@ ProjectiveTest projectiveTest(const MultiOptions& o, bool useNormals) {
 }
 
 template <int N>
-using RowsPass = int (*)(const CompactFrame&, const FrameMaps&, const Intrinsics&,
+using RowsPass = int (*)(const CompactFrame&, const TargetRecords&, const Intrinsics&,
                          const RT_<float>&, const ProjectiveTest&, int, int, int32_t*,
                          RowSums<N>&, double&);
-using ErrorPass = double (*)(const CompactFrame&, const FrameMaps&, const RT_<float>&,
+using ErrorPass = double (*)(const CompactFrame&, const TargetRecords&, const RT_<float>&,
                              const int32_t*, int, int);
 
 // The blocks of one pair from a rows pass over the whole source; fill turns the mirrored sums
 // into the pair's blocks. A pair at or below minScore gives NaN.
 template <int N>
-PairLinearize linearizeWith(const std::vector<FrameMaps>& frames, VmapRun& run,
+PairLinearize linearizeWith(VmapRun& run,
                             const Intrinsics& k, const ProjectiveTest& test, double minScore,
                             RowsPass<N> pass,
                             void (*fill)(const RowSums<N>&, PairBlock&, PairBlock&, PairBlock&,
                                          PairVector&, PairVector&)) {
-    return [&frames, &run, &k, test, minScore, pass, fill](
+    return [&run, &k, test, minScore, pass, fill](
                int i, int j, const RT_<double>& poseI, const RT_<double>& poseJ, PairBlock& hII,
                PairBlock& hIJ, PairBlock& hJJ, PairVector& gI, PairVector& gJ) {
         const CompactFrame& source = run.sources[size_t(j)];
         RowSums<N> sums;
         double error = 0.0;
-        const int kept = pass(source, frames[size_t(i)], k, relativePose(poseI, poseJ), test, 0,
+        const int kept = pass(source, run.records[size_t(i)], k, relativePose(poseI, poseJ), test, 0,
                               source.size(), run.targetsOf(i, j), sums, error);
         if (!(matchScore(kept, source.size()) > minScore)) return kNotQualified;
         sums.mirror();
@@ -51,13 +51,13 @@ PairLinearize linearizeWith(const std::vector<FrameMaps>& frames, VmapRun& run,
 }
 
 // The trial error of one pair over its kept targets, at the relative pose `relative` forms.
-PairEvaluate evaluateWith(const std::vector<FrameMaps>& frames, VmapRun& run,
+PairEvaluate evaluateWith(VmapRun& run,
                           RT_<float> (*relative)(const RT_<double>&, const RT_<double>&),
                           ErrorPass pass) {
-    return [&frames, &run, relative, pass](int i, int j, const RT_<double>& poseI,
+    return [&run, relative, pass](int i, int j, const RT_<double>& poseI,
                                            const RT_<double>& poseJ) {
         const CompactFrame& source = run.sources[size_t(j)];
-        return pass(source, frames[size_t(i)], relative(poseI, poseJ), run.targetsOf(i, j), 0,
+        return pass(source, run.records[size_t(i)], relative(poseI, poseJ), run.targetsOf(i, j), 0,
                     source.size());
     };
 }
@@ -69,11 +69,11 @@ bool alignVmaps(const std::vector<FrameMaps>& frames, const Intrinsics& k,
                 const ProgressFunc& progress) {
     const int count = int(frames.size());
     if (count < 2) return false;
-    VmapRun run(frames, false);
+    VmapRun run(frames, false, false);
     const PairLinearize linearize = linearizeWith<12>(
-        frames, run, k, projectiveTest(options, false), options.minScore, pointRowsPass,
+        run, k, projectiveTest(options, false), options.minScore, pointRowsPass,
         fillTwoSided);
-    const PairEvaluate evaluate = evaluateWith(frames, run, relativePose, pointErrorPass);
+    const PairEvaluate evaluate = evaluateWith(run, relativePose, pointErrorPass);
     return alignFrames(linearize, evaluate, poses.data(), count, options.iterations,
                        options.refreshInterval, options.log, false, progress, PairsChanged(),
                        options.parallel);
@@ -84,11 +84,11 @@ bool alignVmapNmaps(const std::vector<FrameMaps>& frames, const Intrinsics& k,
                     const ProgressFunc& progress) {
     const int count = int(frames.size());
     if (count < 2) return false;
-    VmapRun run(frames, true);
+    VmapRun run(frames, true, false);
     const PairLinearize linearize = linearizeWith<6>(
-        frames, run, k, projectiveTest(options, true), options.minScore, planeRowsPass,
+        run, k, projectiveTest(options, true), options.minScore, planeRowsPass,
         fillOneSided);
-    const PairEvaluate evaluate = evaluateWith(frames, run, relativePoseInFloat, planeErrorPass);
+    const PairEvaluate evaluate = evaluateWith(run, relativePoseInFloat, planeErrorPass);
     return alignFrames(linearize, evaluate, poses.data(), count, options.iterations,
                        options.refreshInterval, options.log, true, progress, PairsChanged(),
                        options.parallel);

@@ -8,24 +8,24 @@ namespace kestor {
 
 namespace {
 
-// The kept elements among eight: the float-lane mask and the packed Float3 offsets of the
-// targets (lanes left out read nothing).
+// The kept elements among eight: their float-lane mask and the target records' components.
 struct KeptLanes {
-    __m256i targets, offsets;
     __m256 ok;
+    Lanes3 q, n;
+    __m256 gray;
 };
 
-inline KeptLanes keptLanes(const int32_t* targets) {
-    KeptLanes k;
-    k.targets = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(targets));
-    k.ok = _mm256_castsi256_ps(_mm256_cmpgt_epi32(k.targets, _mm256_set1_epi32(-1)));
-    k.offsets = _mm256_mullo_epi32(k.targets, _mm256_set1_epi32(3));
-    return k;
-}
-
-inline Lanes3 gatherFloat3(const Float3* map, const KeptLanes& k) {
-    const LaneMap m{&map->x, 0, 3};
-    return gatherLanes3(m, k.offsets, k.ok);
+inline bool keptLanes(const TargetRecords& target, const int32_t* targets, KeptLanes& k) {
+    const __m256i t = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(targets));
+    const __m256i keep = _mm256_cmpgt_epi32(t, _mm256_set1_epi32(-1));
+    k.ok = _mm256_castsi256_ps(keep);
+    if (!anyLane(k.ok)) return false;
+    __m256 c[8];
+    loadRecords(target, t, keep, c);
+    k.q = Lanes3{c[0], c[1], c[2]};
+    k.n = Lanes3{c[3], c[4], c[5]};
+    k.gray = c[6];
+    return true;
 }
 
 inline __m256d low(__m256 v) { return _mm256_cvtps_pd(_mm256_castps256_ps128(v)); }
@@ -45,23 +45,20 @@ inline __m256d highMask(__m256 ok) {
     return _mm256_castsi256_pd(_mm256_cvtepi32_epi64(_mm256_extracti128_si256(_mm256_castps_si256(ok), 1)));
 }
 
-// Walks [begin, end): lanes(e, kept) for eight from e where the target maps are packed, then
-// one(e) for each remaining kept element; returns the lanes' sum plus the singles' sum.
+// Walks [begin, end): lanes(e, kept) for eight from e, then one(e, record) for each remaining
+// kept element; returns the lanes' sum plus the singles' sum.
 template <typename Lanes, typename One>
-double sumKept(bool lanes, const int32_t* targets, int begin, int end, Lanes&& inLanes,
-               One&& one) {
+double sumKept(const TargetRecords& target, const int32_t* targets, int begin, int end,
+               Lanes&& inLanes, One&& one) {
     __m256d sum = _mm256_setzero_pd();
     int e = begin;
-    if (lanes) {
-        for (; e + 8 <= end; e += 8) {
-            const KeptLanes k = keptLanes(targets + e);
-            if (!anyLane(k.ok)) continue;
-            sum = _mm256_add_pd(sum, inLanes(e, k));
-        }
+    for (; e + 8 <= end; e += 8) {
+        KeptLanes k;
+        if (keptLanes(target, targets + e, k)) sum = _mm256_add_pd(sum, inLanes(e, k));
     }
     double single = 0.0;
     for (; e < end; ++e)
-        if (targets[e] >= 0) single += one(e, targets[e]);
+        if (targets[e] >= 0) single += one(e, target.at(targets[e]));
     return laneTotal(sum) + single;
 }
 
@@ -74,13 +71,13 @@ inline __m256d squaresOf(__m256 r, __m256 ok) {
 
 }  // namespace
 
-double pointErrorPass(const CompactFrame& source, const FrameMaps& target, const RT_<float>& T,
+double pointErrorPass(const CompactFrame& source, const TargetRecords& target, const RT_<float>& T,
                       const int32_t* targets, int begin, int end) {
     return sumKept(
-        lanesFit(target, false, false), targets, begin, end,
+        target, targets, begin, end,
         [&](int e, const KeptLanes& k) {
             const Lanes3 p = transformLanes(T, loadLanes(&source.points[size_t(e)]));
-            const Lanes3 d = differenceLanes(p, gatherFloat3(target.vmap.data, k));
+            const Lanes3 d = differenceLanes(p, k.q);
             const __m256 x = zeroOutside(d.x, k.ok), y = zeroOutside(d.y, k.ok),
                          z = zeroOutside(d.z, k.ok);
             auto half = [](__m256d a, __m256d b, __m256d c) {
@@ -89,34 +86,32 @@ double pointErrorPass(const CompactFrame& source, const FrameMaps& target, const
             };
             return _mm256_add_pd(half(low(x), low(y), low(z)), half(high(x), high(y), high(z)));
         },
-        [&](int e, int t) {
+        [&](int e, const float* q) {
             float pt[3];
             transformPoint(T, &source.points[size_t(e)].x, pt);
-            const Float3& q = atFlat(target.vmap, t);
-            const double dx = pt[0] - q.x, dy = pt[1] - q.y, dz = pt[2] - q.z;
+            const double dx = pt[0] - q[0], dy = pt[1] - q[1], dz = pt[2] - q[2];
             return dx * dx + dy * dy + dz * dz;
         });
 }
 
-double planeErrorPass(const CompactFrame& source, const FrameMaps& target, const RT_<float>& T,
+double planeErrorPass(const CompactFrame& source, const TargetRecords& target, const RT_<float>& T,
                       const int32_t* targets, int begin, int end) {
     return sumKept(
-        lanesFit(target, true, false), targets, begin, end,
+        target, targets, begin, end,
         [&](int e, const KeptLanes& k) {
             const Lanes3 p = transformLanes(T, loadLanes(&source.points[size_t(e)]));
-            const Lanes3 d = differenceLanes(p, gatherFloat3(target.vmap.data, k));
-            return squaresOf(dotLanes(d, gatherFloat3(target.nmap.data, k)), k.ok);
+            const Lanes3 d = differenceLanes(p, k.q);
+            return squaresOf(dotLanes(d, k.n), k.ok);
         },
-        [&](int e, int t) {
+        [&](int e, const float* q) {
             float pt[3];
             transformPoint(T, &source.points[size_t(e)].x, pt);
-            const Float3 &q = atFlat(target.vmap, t), &n = atFlat(target.nmap, t);
-            const double r = (pt[0] - q.x) * n.x + (pt[1] - q.y) * n.y + (pt[2] - q.z) * n.z;
+            const double r = (pt[0] - q[0]) * q[3] + (pt[1] - q[1]) * q[4] + (pt[2] - q[2]) * q[5];
             return r * r;
         });
 }
 
-double coloredErrorPass(const CompactFrame& source, const FrameMaps& target, const RT_<float>& T,
+double coloredErrorPass(const CompactFrame& source, const TargetRecords& target, const RT_<float>& T,
                         const ColoredScales& scales, const int32_t* targets, int begin, int end) {
     const double meanG = scales.meanGeometric, meanC = scales.meanPhotometric;
     const double wg2 = scales.weightGeometric * scales.weightGeometric;
@@ -126,14 +121,12 @@ double coloredErrorPass(const CompactFrame& source, const FrameMaps& target, con
         return dg * dg * wg2 + dc * dc * wc2;
     };
     return sumKept(
-        lanesFit(target, true, true), targets, begin, end,
+        target, targets, begin, end,
         [&](int e, const KeptLanes& k) {
             const Lanes3 p = transformLanes(T, loadLanes(&source.points[size_t(e)]));
-            const Lanes3 d = differenceLanes(p, gatherFloat3(target.vmap.data, k));
-            const __m256 rg = dotLanes(d, gatherFloat3(target.nmap.data, k));
-            const __m256 g =
-                _mm256_mask_i32gather_ps(_mm256_setzero_ps(), target.gray.data, k.targets, k.ok, 4);
-            const __m256 rc = _mm256_sub_ps(g, _mm256_loadu_ps(&source.gray[size_t(e)]));
+            const Lanes3 d = differenceLanes(p, k.q);
+            const __m256 rg = dotLanes(d, k.n);
+            const __m256 rc = _mm256_sub_ps(k.gray, _mm256_loadu_ps(&source.gray[size_t(e)]));
             const __m256d mG = _mm256_set1_pd(meanG), mC = _mm256_set1_pd(meanC);
             const __m256d wG = _mm256_set1_pd(wg2), wC = _mm256_set1_pd(wc2);
             auto half = [&](__m256d g4, __m256d c4, __m256d mask) {
@@ -145,12 +138,11 @@ double coloredErrorPass(const CompactFrame& source, const FrameMaps& target, con
             return _mm256_add_pd(half(low(rg), low(rc), lowMask(k.ok)),
                                  half(high(rg), high(rc), highMask(k.ok)));
         },
-        [&](int e, int t) {
+        [&](int e, const float* q) {
             float pt[3];
             transformPoint(T, &source.points[size_t(e)].x, pt);
-            const Float3 &q = atFlat(target.vmap, t), &n = atFlat(target.nmap, t);
-            const double rg = (pt[0] - q.x) * n.x + (pt[1] - q.y) * n.y + (pt[2] - q.z) * n.z;
-            return term(rg, atFlat(target.gray, t) - source.gray[size_t(e)]);
+            const double rg = (pt[0] - q[0]) * q[3] + (pt[1] - q[1]) * q[4] + (pt[2] - q[2]) * q[5];
+            return term(rg, q[6] - source.gray[size_t(e)]);
         });
 }
 

@@ -96,16 +96,12 @@ struct PlaneSink : RowSink<6> {
 // Target gray at the matched pixel minus the source's own.
 struct ColoredReads {
     const CompactFrame& source;
-    const FrameMaps& target;
+    const TargetRecords& target;
 
     __m256 photometric(int e, const MatchLanes& m) const {
-        const __m256 g = _mm256_mask_i32gather_ps(_mm256_setzero_ps(), target.gray.data, m.target,
-                                                  m.ok, 4);
-        return _mm256_sub_ps(g, _mm256_loadu_ps(&source.gray[size_t(e)]));
+        return _mm256_sub_ps(m.gray, _mm256_loadu_ps(&source.gray[size_t(e)]));
     }
-    float photometric(int e, const MatchOne& m) const {
-        return atFlat(target.gray, m.target) - source.gray[size_t(e)];
-    }
+    float photometric(int e, const MatchOne& m) const { return m.gray - source.gray[size_t(e)]; }
 };
 
 struct StatsSink {
@@ -146,8 +142,8 @@ struct ColoredSink : RowSink<6> {
         const __m256i pixels =
             _mm256_loadu_si256(reinterpret_cast<const __m256i*>(&reads.source.pixels[size_t(e)]));
         const __m256 zero = _mm256_setzero_ps();
-        const __m256 gx = _mm256_mask_i32gather_ps(zero, reads.target.gradX.data, pixels, ok, 4);
-        const __m256 gy = _mm256_mask_i32gather_ps(zero, reads.target.gradY.data, pixels, ok, 4);
+        const __m256 gx = _mm256_mask_i32gather_ps(zero, reads.target.gradX.data(), pixels, ok, 4);
+        const __m256 gy = _mm256_mask_i32gather_ps(zero, reads.target.gradY.data(), pixels, ok, 4);
         const Lanes3& p = m.p;
         const __m256 fx = _mm256_set1_ps(k.fx), fy = _mm256_set1_ps(k.fy);
         const Lanes3 d{_mm256_div_ps(_mm256_mul_ps(gx, fx), p.z),
@@ -175,7 +171,7 @@ struct ColoredSink : RowSink<6> {
         const float rg = m.d[0] * m.n.x + m.d[1] * m.n.y + m.d[2] * m.n.z;
         const float rc = reads.photometric(e, m);
         const int s = reads.source.pixels[size_t(e)];
-        const float gx = atFlat(reads.target.gradX, s), gy = atFlat(reads.target.gradY, s);
+        const float gx = reads.target.gradX[size_t(s)], gy = reads.target.gradY[size_t(s)];
         const float d[3] = {gx * k.fx / p[2], gy * k.fy / p[2],
                             -(p[1] * gy * k.fy + p[0] * gx * k.fx) / (p[2] * p[2])};
         float geometric[6], photometric[6];
@@ -192,32 +188,29 @@ struct ColoredSink : RowSink<6> {
 
 }  // namespace
 
-int pointRowsPass(const CompactFrame& source, const FrameMaps& target, const Intrinsics& k,
+int pointRowsPass(const CompactFrame& source, const TargetRecords& target, const Intrinsics& k,
                   const RT_<float>& T, const ProjectiveTest& test, int begin, int end,
                   int32_t* targets, RowSums<12>& sums, double& error) {
     PointSink sink{{sums, error, {}}};
-    const int kept = associateCompact(source, target, k, T, test, lanesFit(target, false, false),
-                                      begin, end, targets, sink);
+    const int kept = associateCompact(source, target, k, T, test, begin, end, targets, sink);
     sink.finish();
     return kept;
 }
 
-int planeRowsPass(const CompactFrame& source, const FrameMaps& target, const Intrinsics& k,
+int planeRowsPass(const CompactFrame& source, const TargetRecords& target, const Intrinsics& k,
                   const RT_<float>& T, const ProjectiveTest& test, int begin, int end,
                   int32_t* targets, RowSums<6>& sums, double& error) {
     PlaneSink sink{{sums, error, {}}};
-    const int kept = associateCompact(source, target, k, T, test, lanesFit(target, true, false),
-                                      begin, end, targets, sink);
+    const int kept = associateCompact(source, target, k, T, test, begin, end, targets, sink);
     sink.finish();
     return kept;
 }
 
-int coloredStatsPass(const CompactFrame& source, const FrameMaps& target, const Intrinsics& k,
+int coloredStatsPass(const CompactFrame& source, const TargetRecords& target, const Intrinsics& k,
                      const RT_<float>& T, const ProjectiveTest& test, int begin, int end,
                      int32_t* targets, ResidualStats& stats) {
     StatsSink sink{ColoredReads{source, target}};
-    const int kept = associateCompact(source, target, k, T, test, lanesFit(target, true, true),
-                                      begin, end, targets, sink);
+    const int kept = associateCompact(source, target, k, T, test, begin, end, targets, sink);
     stats.sumG += laneTotal(sink.sums[0]) + sink.singles[0];
     stats.sumC += laneTotal(sink.sums[1]) + sink.singles[1];
     stats.sumSquaresG += laneTotal(sink.sums[2]) + sink.singles[2];
@@ -226,7 +219,7 @@ int coloredStatsPass(const CompactFrame& source, const FrameMaps& target, const 
     return kept;
 }
 
-int coloredRowsPass(const CompactFrame& source, const FrameMaps& target, const Intrinsics& k,
+int coloredRowsPass(const CompactFrame& source, const TargetRecords& target, const Intrinsics& k,
                     const RT_<float>& T, const ProjectiveTest& test, const ColoredScales& scales,
                     int begin, int end, int32_t* targets, RowSums<6>& sums, double& error) {
     ColoredSink sink{{sums, error, {}},
@@ -236,8 +229,7 @@ int coloredRowsPass(const CompactFrame& source, const FrameMaps& target, const I
                      float(scales.weightPhotometric),
                      float(scales.meanGeometric),
                      float(scales.meanPhotometric)};
-    const int kept = associateCompact(source, target, k, T, test, lanesFit(target, true, true),
-                                      begin, end, targets, sink);
+    const int kept = associateCompact(source, target, k, T, test, begin, end, targets, sink);
     sink.finish();
     return kept;
 }
