@@ -18,6 +18,7 @@
 
 #include "io/png_image.h"
 #include "kestor.h"
+#include "multi/vmap_pair_passes.h"
 
 namespace {
 
@@ -158,6 +159,55 @@ BENCHMARK(BM_MatchMultiVmapNmap)
     ->ArgsProduct({{4, 8}, {1, 0}, {0, 1}, {0, 1}})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
+
+// One pass of a pair alone, frame 1 against frame 0 at the identity, at 640x480: 0 plane rows,
+// 1 plane trial error, 2 coloured residual sums, 3 coloured rows, 4 coloured trial error.
+void BM_PairPass(benchmark::State& state) {
+    static Frames f = loadFrames(2, 0);
+    if (f.vmaps.size() < 2) {
+        state.SkipWithError("tum_fr1_xyz frames not found");
+        return;
+    }
+    using namespace kestor;
+    const int pass = int(state.range(0));
+    auto maps = [&](int k) {
+        FrameMaps m;
+        m.vmap = packedView(reinterpret_cast<const Float3*>(f.vmaps[size_t(k)].data()), f.width, f.height);
+        m.nmap = packedView(reinterpret_cast<const Float3*>(f.nmaps[size_t(k)].data()), f.width, f.height);
+        m.gray = packedView<const float>(f.grays[size_t(k)].data(), f.width, f.height);
+        m.gradX = packedView<const float>(f.gradXs[size_t(k)].data(), f.width, f.height);
+        m.gradY = packedView<const float>(f.gradYs[size_t(k)].data(), f.width, f.height);
+        return m;
+    };
+    const CompactFrame source = compactFrame(maps(1), true);
+    const TargetRecords target = targetRecords(maps(0), true, pass >= 2);
+    const Intrinsics k{525.0f, 525.0f, 319.5f, 239.5f};
+    const ProjectiveTest test{0.01f, float(std::cos(0.5)), true};
+    const RT_<float> T = RT_<float>::identity();
+    std::vector<int32_t> targets(size_t(source.size()));
+    ColoredScales scales;
+    ResidualStats stats{};
+    coloredStatsPass(source, target, k, T, test, 0, source.size(), targets.data(), stats);
+    scales.update({stats}, 0.5);
+    for (auto _ : state) {
+        RowSums<6> sums;
+        double error = 0.0;
+        ResidualStats s{};
+        switch (pass) {
+            case 0: planeRowsPass(source, target, k, T, test, 0, source.size(), targets.data(), sums, error); break;
+            case 1: error = planeErrorPass(source, target, T, targets.data(), 0, source.size()); break;
+            case 2: coloredStatsPass(source, target, k, T, test, 0, source.size(), targets.data(), s); break;
+            case 3: coloredRowsPass(source, target, k, T, scales, targets.data(), 0, source.size(), sums, error); break;
+            default: error = coloredErrorPass(source, target, T, scales, targets.data(), 0, source.size());
+        }
+        benchmark::DoNotOptimize(error);
+        benchmark::DoNotOptimize(sums.hessian[0]);
+    }
+    state.counters["ns_per_pixel"] = benchmark::Counter(
+        double(source.size()) * double(state.iterations()) * 1e-9,
+        benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+BENCHMARK(BM_PairPass)->DenseRange(0, 4)->ArgName("pass")->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 

@@ -24,14 +24,30 @@ struct TargetRecords {
 // when `colour` is set.
 TargetRecords targetRecords(const FrameMaps& frame, bool normals, bool colour);
 
+// Asks for the records of eight pixels from `pixel` on, ahead of their use: the lane passes walk
+// the source in row order and, with little motion between frames, land on neighbouring target
+// pixels that the hardware does not see coming.
+inline void prefetchRecords(const TargetRecords& records, int pixel) {
+    const int last = records.width * records.height - 8;
+    const char* at = reinterpret_cast<const char*>(records.at(pixel < 0 ? 0 : pixel > last ? last : pixel));
+    for (int line = 0; line < 4; ++line) _mm_prefetch(at + 64 * line, _MM_HINT_T0);
+}
+
 // The records at eight pixel indexes as component registers: out[c] holds component c of all
 // eight (c < 8; components past the stride belong to the next pixel). Lanes not in `keep` read
 // pixel 0.
 inline void loadRecords(const TargetRecords& records, __m256i pixels, __m256i keep, __m256* out) {
-    alignas(32) int32_t index[8];
-    _mm256_store_si256(reinterpret_cast<__m256i*>(index), _mm256_and_si256(pixels, keep));
+    const __m256i kept = _mm256_and_si256(pixels, keep);
+    const __m128i lo = _mm256_castsi256_si128(kept), hi = _mm256_extracti128_si256(kept, 1);
     __m256 r[8];
-    for (int l = 0; l < 8; ++l) r[l] = _mm256_loadu_ps(records.at(index[l]));
+    r[0] = _mm256_loadu_ps(records.at(_mm_cvtsi128_si32(lo)));
+    r[1] = _mm256_loadu_ps(records.at(_mm_extract_epi32(lo, 1)));
+    r[2] = _mm256_loadu_ps(records.at(_mm_extract_epi32(lo, 2)));
+    r[3] = _mm256_loadu_ps(records.at(_mm_extract_epi32(lo, 3)));
+    r[4] = _mm256_loadu_ps(records.at(_mm_cvtsi128_si32(hi)));
+    r[5] = _mm256_loadu_ps(records.at(_mm_extract_epi32(hi, 1)));
+    r[6] = _mm256_loadu_ps(records.at(_mm_extract_epi32(hi, 2)));
+    r[7] = _mm256_loadu_ps(records.at(_mm_extract_epi32(hi, 3)));
     const __m256 t0 = _mm256_unpacklo_ps(r[0], r[1]), t1 = _mm256_unpackhi_ps(r[0], r[1]);
     const __m256 t2 = _mm256_unpacklo_ps(r[2], r[3]), t3 = _mm256_unpackhi_ps(r[2], r[3]);
     const __m256 t4 = _mm256_unpacklo_ps(r[4], r[5]), t5 = _mm256_unpackhi_ps(r[4], r[5]);

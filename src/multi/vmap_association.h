@@ -59,7 +59,12 @@ int associateCompact(const CompactFrame& source, const TargetRecords& target, co
         const __m256 distLimit = _mm256_set1_ps(test.maxDistanceSq);
         const __m256 cosLimit = _mm256_set1_ps(test.cosMaxAngle);
         const __m256i none = _mm256_set1_epi32(-1), widthLanes = _mm256_set1_epi32(width);
+        // Target pixel minus source pixel of the last kept element: where the elements some
+        // groups ahead will land, to fetch their records early.
+        int shift = 0;
+        constexpr int kAhead = 64;
         for (; e + 8 <= end; e += 8) {
+            if (e + kAhead < end) prefetchRecords(target, source.pixels[size_t(e + kAhead)] + shift);
             MatchLanes m;
             m.p = transformLanes(T, loadLanes(&source.points[size_t(e)]));
             const __m256 u = _mm256_add_ps(_mm256_div_ps(_mm256_mul_ps(fx, m.p.x), m.p.z), cx);
@@ -95,6 +100,10 @@ int associateCompact(const CompactFrame& source, const TargetRecords& target, co
                                     _mm256_castsi256_ps(none), _mm256_castsi256_ps(m.target), ok)));
             const int bits = _mm256_movemask_ps(ok);
             if (bits == 0) continue;
+            const int lane = __builtin_ctz(unsigned(bits));
+            alignas(32) int32_t pixels[8];
+            _mm256_store_si256(reinterpret_cast<__m256i*>(pixels), m.target);
+            shift = pixels[lane] - source.pixels[size_t(e + lane)];
             kept += __builtin_popcount(unsigned(bits));
             sink.lanes(e, m);
         }

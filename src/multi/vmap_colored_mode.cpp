@@ -1,8 +1,8 @@
 // The coloured mode on image grids: one-sided point to plane plus the gray difference of the two
-// matched pixels. Every pair is associated first for its residuals' sums only, so that each
-// residual kind can be centred and scaled by its spread over the whole set; linearising a pair
-// then associates it again at the same pose, which gives the same matches, and sums its
-// weighted rows on the way instead of storing them.
+// matched pixels. Every pair is associated first, keeping its target pixels and its residuals'
+// sums, so that each residual kind can be centred and scaled by its spread over the whole set;
+// linearising a pair then forms its weighted rows from the kept pixels and sums them on the way
+// instead of storing them.
 #include <cmath>
 #include <limits>
 
@@ -53,8 +53,8 @@ bool alignVmapNmapsColored(const std::vector<FrameMaps>& frames, const Intrinsic
         const CompactFrame& source = run.sources[size_t(j)];
         RowSums<6> sums;
         double error = 0.0;
-        coloredRowsPass(source, run.records[size_t(i)], k, relativePose(poseI, poseJ), test, scales, 0,
-                        source.size(), run.targetsOf(i, j), sums, error);
+        coloredRowsPass(source, run.records[size_t(i)], k, relativePose(poseI, poseJ), scales,
+                        run.targetsOf(i, j), 0, source.size(), sums, error);
         sums.mirror();
         fillOneSided(sums, hII, hIJ, hJJ, gI, gJ);
         return error;

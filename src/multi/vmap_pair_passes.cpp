@@ -3,7 +3,7 @@
 #include "multi/vmap_pair_passes.h"
 
 #include "core/row_block.h"
-#include "multi/vmap_association.h"
+#include "multi/kept_targets.h"
 
 namespace kestor {
 
@@ -219,9 +219,9 @@ int coloredStatsPass(const CompactFrame& source, const TargetRecords& target, co
     return kept;
 }
 
-int coloredRowsPass(const CompactFrame& source, const TargetRecords& target, const Intrinsics& k,
-                    const RT_<float>& T, const ProjectiveTest& test, const ColoredScales& scales,
-                    int begin, int end, int32_t* targets, RowSums<6>& sums, double& error) {
+void coloredRowsPass(const CompactFrame& source, const TargetRecords& target, const Intrinsics& k,
+                     const RT_<float>& T, const ColoredScales& scales, const int32_t* targets,
+                     int begin, int end, RowSums<6>& sums, double& error) {
     ColoredSink sink{{sums, error, {}},
                      ColoredReads{source, target},
                      k,
@@ -229,9 +229,11 @@ int coloredRowsPass(const CompactFrame& source, const TargetRecords& target, con
                      float(scales.weightPhotometric),
                      float(scales.meanGeometric),
                      float(scales.meanPhotometric)};
-    const int kept = associateCompact(source, target, k, T, test, begin, end, targets, sink);
+    forKept(
+        source, target, T, targets, begin, end,
+        [&](int e, const MatchLanes& m) { sink.lanes(e, m); },
+        [&](int e, const MatchOne& m) { sink.single(e, m); });
     sink.finish();
-    return kept;
 }
 
 }  // namespace kestor

@@ -32,10 +32,11 @@ int coloredStatsPass(const CompactFrame& source, const TargetRecords& target, co
                      const RT_<float>& T, const ProjectiveTest& test, int begin, int end,
                      int32_t* targets, ResidualStats& stats);
 
-// The coloured second pass at the same pose: both kinds' rows centred and weighted by `scales`.
-int coloredRowsPass(const CompactFrame& source, const TargetRecords& target, const Intrinsics& k,
-                    const RT_<float>& T, const ProjectiveTest& test, const ColoredScales& scales,
-                    int begin, int end, int32_t* targets, RowSums<6>& sums, double& error);
+// The coloured second pass over the elements the first kept, at the same pose: both kinds'
+// rows centred and weighted by `scales`.
+void coloredRowsPass(const CompactFrame& source, const TargetRecords& target, const Intrinsics& k,
+                     const RT_<float>& T, const ColoredScales& scales, const int32_t* targets,
+                     int begin, int end, RowSums<6>& sums, double& error);
 
 // Trial errors at relative pose T over the kept targets.
 double pointErrorPass(const CompactFrame& source, const TargetRecords& target, const RT_<float>& T,
