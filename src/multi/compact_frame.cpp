@@ -8,6 +8,11 @@ CompactFrame compactFrame(const FrameMaps& frame, bool useNormals) {
     CompactFrame c;
     const int width = frame.vmap.width, height = frame.vmap.height;
     const bool withGray = frame.gray.data != nullptr;
+    const size_t most = size_t(width) * size_t(height);
+    c.points.reserve(most);
+    c.pixels.reserve(most);
+    if (useNormals) c.normals.reserve(most);
+    if (withGray) c.gray.reserve(most);
     for (int row = 0; row < height; ++row) {
         const Float3* v = rowOf(frame.vmap, row);
         const Float3* n = useNormals ? rowOf(frame.nmap, row) : nullptr;

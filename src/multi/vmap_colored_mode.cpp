@@ -3,6 +3,7 @@
 // sums, so that each residual kind can be centred and scaled by its spread over the whole set;
 // linearising a pair then forms its weighted rows from the kept pixels and sums them on the way
 // instead of storing them.
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -25,10 +26,11 @@ bool alignVmapNmapsColored(const std::vector<FrameMaps>& frames, const Intrinsic
     // Whether a pair's first pass at the current poses scored above minScore with some match.
     std::vector<unsigned char> qualified(size_t(pairSlotCount(count)), 0);
     ColoredScales scales;
+    std::vector<ResidualStats> slots(size_t(loopSlots(options.parallel)));
 
     const PairsChanged pairsChanged = [&](const FramePair* pairs, const unsigned char* active,
                                           int n) {
-        std::vector<ResidualStats> slots(size_t(loopSlots(options.parallel)), ResidualStats{});
+        std::fill(slots.begin(), slots.end(), ResidualStats{});
         runLoop(options.parallel, 0, n, [&](int begin, int end, int slot) {
             for (int p = begin; p < end; ++p) {
                 if (!active[p]) continue;
