@@ -39,15 +39,24 @@ inline void prefetchRecords(const TargetRecords& records, int pixel) {
 inline void loadRecords(const TargetRecords& records, __m256i pixels, __m256i keep, __m256* out) {
     const __m256i kept = _mm256_and_si256(pixels, keep);
     const __m128i lo = _mm256_castsi256_si128(kept), hi = _mm256_extracti128_si256(kept, 1);
+    const int first = _mm_cvtsi128_si32(lo);
+    const __m256i run =
+        _mm256_add_epi32(_mm256_set1_epi32(first), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
     __m256 r[8];
-    r[0] = _mm256_loadu_ps(records.at(_mm_cvtsi128_si32(lo)));
-    r[1] = _mm256_loadu_ps(records.at(_mm_extract_epi32(lo, 1)));
-    r[2] = _mm256_loadu_ps(records.at(_mm_extract_epi32(lo, 2)));
-    r[3] = _mm256_loadu_ps(records.at(_mm_extract_epi32(lo, 3)));
-    r[4] = _mm256_loadu_ps(records.at(_mm_cvtsi128_si32(hi)));
-    r[5] = _mm256_loadu_ps(records.at(_mm_extract_epi32(hi, 1)));
-    r[6] = _mm256_loadu_ps(records.at(_mm_extract_epi32(hi, 2)));
-    r[7] = _mm256_loadu_ps(records.at(_mm_extract_epi32(hi, 3)));
+    if (_mm256_movemask_epi8(_mm256_cmpeq_epi32(kept, run)) == -1) {
+        // Eight neighbouring pixels, as a row of source elements usually lands on.
+        const float* at = records.at(first);
+        for (int l = 0; l < 8; ++l) r[l] = _mm256_loadu_ps(at + l * records.stride);
+    } else {
+        r[0] = _mm256_loadu_ps(records.at(first));
+        r[1] = _mm256_loadu_ps(records.at(_mm_extract_epi32(lo, 1)));
+        r[2] = _mm256_loadu_ps(records.at(_mm_extract_epi32(lo, 2)));
+        r[3] = _mm256_loadu_ps(records.at(_mm_extract_epi32(lo, 3)));
+        r[4] = _mm256_loadu_ps(records.at(_mm_cvtsi128_si32(hi)));
+        r[5] = _mm256_loadu_ps(records.at(_mm_extract_epi32(hi, 1)));
+        r[6] = _mm256_loadu_ps(records.at(_mm_extract_epi32(hi, 2)));
+        r[7] = _mm256_loadu_ps(records.at(_mm_extract_epi32(hi, 3)));
+    }
     const __m256 t0 = _mm256_unpacklo_ps(r[0], r[1]), t1 = _mm256_unpackhi_ps(r[0], r[1]);
     const __m256 t2 = _mm256_unpacklo_ps(r[2], r[3]), t3 = _mm256_unpackhi_ps(r[2], r[3]);
     const __m256 t4 = _mm256_unpacklo_ps(r[4], r[5]), t5 = _mm256_unpackhi_ps(r[4], r[5]);

@@ -141,9 +141,18 @@ struct ColoredSink : RowSink<6> {
         // The target's gradients are read at the source element's own pixel.
         const __m256i pixels =
             _mm256_loadu_si256(reinterpret_cast<const __m256i*>(&reads.source.pixels[size_t(e)]));
-        const __m256 zero = _mm256_setzero_ps();
-        const __m256 gx = _mm256_mask_i32gather_ps(zero, reads.target.gradX.data(), pixels, ok, 4);
-        const __m256 gy = _mm256_mask_i32gather_ps(zero, reads.target.gradY.data(), pixels, ok, 4);
+        __m256 gx, gy;
+        // Eight source elements in a row of the image are eight neighbouring pixels: one load.
+        const int first = reads.source.pixels[size_t(e)];
+        const __m256i run = _mm256_add_epi32(_mm256_set1_epi32(first), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
+        if (_mm256_movemask_epi8(_mm256_cmpeq_epi32(pixels, run)) == -1) {
+            gx = _mm256_loadu_ps(&reads.target.gradX[size_t(first)]);
+            gy = _mm256_loadu_ps(&reads.target.gradY[size_t(first)]);
+        } else {
+            const __m256 zero = _mm256_setzero_ps();
+            gx = _mm256_mask_i32gather_ps(zero, reads.target.gradX.data(), pixels, ok, 4);
+            gy = _mm256_mask_i32gather_ps(zero, reads.target.gradY.data(), pixels, ok, 4);
+        }
         const Lanes3& p = m.p;
         const __m256 fx = _mm256_set1_ps(k.fx), fy = _mm256_set1_ps(k.fy);
         const Lanes3 d{_mm256_div_ps(_mm256_mul_ps(gx, fx), p.z),
