@@ -14,6 +14,7 @@ CompactFrame compactFrame(const FrameMaps& frame, bool useNormals) {
     if (useNormals) c.normals.reserve(most);
     if (withGray) c.gray.reserve(most);
     for (int row = 0; row < height; ++row) {
+        c.rowStarts.push_back(c.size());
         const Float3* v = rowOf(frame.vmap, row);
         const Float3* n = useNormals ? rowOf(frame.nmap, row) : nullptr;
         const float* g = withGray ? rowOf(frame.gray, row) : nullptr;
@@ -26,6 +27,7 @@ CompactFrame compactFrame(const FrameMaps& frame, bool useNormals) {
             c.pixels.push_back(row * width + col);
         }
     }
+    c.rowStarts.push_back(c.size());
     return c;
 }
 

@@ -13,6 +13,7 @@ struct CompactFrame {
     std::vector<Float3> points, normals;
     std::vector<int32_t> pixels;
     std::vector<float> gray;  // the frame's gray at each element, when it has a gray map
+    std::vector<int> rowStarts;  // the first element of each image row, then the count
 
     int size() const { return int(pixels.size()); }
 };
