@@ -36,7 +36,8 @@ inline void prefetchRecords(const TargetRecords& records, int pixel) {
 // The records at eight pixel indexes as component registers: out[c] holds component c of all
 // eight (c < 8; components past the stride belong to the next pixel). Lanes not in `keep` read
 // pixel 0.
-inline void loadRecords(const TargetRecords& records, __m256i pixels, __m256i keep, __m256* out) {
+__attribute__((always_inline)) inline void loadRecords(const TargetRecords& records,
+                                                     __m256i pixels, __m256i keep, __m256* out) {
     const __m256i kept = _mm256_and_si256(pixels, keep);
     const __m128i lo = _mm256_castsi256_si128(kept), hi = _mm256_extracti128_si256(kept, 1);
     const int first = _mm_cvtsi128_si32(lo);
