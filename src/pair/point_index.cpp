@@ -110,6 +110,9 @@ void PointIndex::split(int left, int right, float* box, int& axis, float& cut, i
         middle = lim1;
     else
         middle = std::min(lim2, middle);
+    // A cut that is NaN or infinite (infinite coordinates, or a sum of two huge ones) leaves one
+    // side empty; halving by position still ends the recursion.
+    if (middle <= left || middle >= right) middle = (left + right) >> 1;
 }
 
 float PointIndex::boxDistanceSq(const float* q, float* axisDistances) const {
