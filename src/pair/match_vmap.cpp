@@ -5,8 +5,10 @@
 #include <vector>
 
 #include "core/parallel_for.h"
+#include "core/float3_lanes.h"
 #include "pair/pair_solver_loop.h"
 #include "pair/photometric_term.h"
+#include "pair/pair_workspace.h"
 #include "pair/projective_association.h"
 
 namespace kestor {
@@ -23,7 +25,25 @@ template <bool PlaneForm>
 double rigidTrialError(const CompactSource& source, const PairArrays& pairs,
                        const RT_<float>& candidate, int begin, int end) {
     double sum = 0.0;
-    for (int i = begin; i < end; ++i) {
+    int i = begin;
+    if (PlaneForm) {
+        __m256d laneSums = _mm256_setzero_pd();
+        for (; i + 8 <= end; i += 8) {
+            const size_t j = size_t(i);
+            const __m256 in = flagLanes(&pairs.matchFlags[j]);
+            if (_mm256_movemask_ps(in) == 0) continue;
+            const Lanes3 moved = transformLanes(candidate, loadLanes(&source.points[j]));
+            const Lanes3 d = differenceLanes(moved, loadLanes(&pairs.pairPoints[j]));
+            const __m256 r = zeroOutside(dotLanes(d, loadLanes(&pairs.pairNormals[j])), in);
+            const __m256d lo = _mm256_cvtps_pd(_mm256_castps256_ps128(r));
+            const __m256d hi = _mm256_cvtps_pd(_mm256_extractf128_ps(r, 1));
+            laneSums = _mm256_add_pd(laneSums, _mm256_add_pd(_mm256_mul_pd(lo, lo), _mm256_mul_pd(hi, hi)));
+        }
+        double lanes[4];
+        _mm256_storeu_pd(lanes, laneSums);
+        sum += (lanes[0] + lanes[1]) + (lanes[2] + lanes[3]);
+    }
+    for (; i < end; ++i) {
         const size_t j = size_t(i);
         if (!pairs.matchFlags[j]) continue;
         const Float3& p = source.points[j];
@@ -51,23 +71,24 @@ struct RigidProblem {
     double minScore;
     bool parallel;
 
-    CompactSource source;
-    PairArrays pairs;
-    std::vector<SolverSlot> slots;
+    PairWorkspaceLease lease;
+    CompactSource& source = lease.get().source;
+    PairArrays& pairs = lease.get().pairs;
+    std::vector<SolverSlot>& slots = lease.get().slots;
 
     void prepare() {
         if (PlaneForm) {
-            source = compactWithNormals(sourceVmap, sourceNmap, ImageView<const float>{});
+            compactWithNormals(sourceVmap, sourceNmap, ImageView<const float>{}, source);
             pairs.resizePlane(source.size());
         } else {
-            source = compactPoints(sourceVmap);
+            compactPoints(sourceVmap, source);
             pairs.resizePoint(source.size());
         }
         slots.resize(size_t(loopSlots(parallel)));
     }
 
     bool linearize(const RT_<float>& T, NormalEquations& total) {
-        std::fill(pairs.matchFlags.begin(), pairs.matchFlags.end(), uint8_t(0));
+        std::fill_n(pairs.matchFlags.begin(), source.size(), uint8_t(0));
         clearSlots(slots);
         runLoop(parallel, 0, source.size(), [&](int begin, int end, int slot) {
             NormalEquations& ne = slots[size_t(slot)].equations;
@@ -104,23 +125,25 @@ struct ColoredProblem {
     ColorBalance balance;
     bool parallel;
 
-    CompactSource source;
-    PairArrays pairs;
-    std::vector<Float3> movedPoints, movedNormals;
-    std::vector<SolverSlot> slots;
+    PairWorkspaceLease lease;
+    CompactSource& source = lease.get().source;
+    PairArrays& pairs = lease.get().pairs;
+    std::vector<Float3>& movedPoints = lease.get().movedPoints;
+    std::vector<Float3>& movedNormals = lease.get().movedNormals;
+    std::vector<SolverSlot>& slots = lease.get().slots;
     PhotometricScale scale{};
 
     void prepare() {
-        source = compactWithNormals(sourceVmap, sourceNmap, sourceGray);
+        compactWithNormals(sourceVmap, sourceNmap, sourceGray, source);
         pairs.resizeColored(source.size());
-        movedPoints.resize(size_t(source.size()));
-        movedNormals.resize(size_t(source.size()));
+        if (movedPoints.size() < size_t(source.size())) movedPoints.resize(size_t(source.size()));
+        if (movedNormals.size() < size_t(source.size())) movedNormals.resize(size_t(source.size()));
         slots.resize(size_t(loopSlots(parallel)));
     }
 
     bool linearize(const RT_<float>& T, NormalEquations& total) {
         const int n = source.size();
-        std::fill(pairs.matchFlags.begin(), pairs.matchFlags.end(), uint8_t(0));
+        std::fill_n(pairs.matchFlags.begin(), source.size(), uint8_t(0));
         clearSlots(slots);
         transformPoints(T, source.points.data(), movedPoints.data(), n);
         rotateNormals(T, source.normals.data(), movedNormals.data(), n);

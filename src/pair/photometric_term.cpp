@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <cmath>
 
+#include "core/row_block.h"
+#include "core/float3_lanes.h"
+
 namespace kestor {
 
 ColorBalance colorBalance(double colorWeight) {
@@ -24,7 +27,47 @@ PhotometricScale photometricScale(const ResidualStats& total, const ColorBalance
 
 void addColoredRows(const Intrinsics& k, const PairArrays& pairs, const Float3* movedPoints,
                     const PhotometricScale& s, int begin, int end, NormalEquations& ne) {
-    for (int i = begin; i < end; ++i) {
+    RowBlock<6> block;
+    int i = begin;
+    const __m256 wg = _mm256_set1_ps(s.weightG), wc = _mm256_set1_ps(s.weightC);
+    const __m256 meanG = _mm256_set1_ps(s.meanG), meanC = _mm256_set1_ps(s.meanC);
+    const __m256 fx = _mm256_set1_ps(k.fx), fy = _mm256_set1_ps(k.fy);
+    for (; i + 8 <= end; i += 8) {
+        const size_t j = size_t(i);
+        const __m256 in = flagLanes(&pairs.matchFlags[j]);
+        if (_mm256_movemask_ps(in) == 0) continue;
+        const Lanes3 p = loadLanes(movedPoints + i);
+        const Lanes3 n = loadLanes(&pairs.pairNormals[j]);
+        const __m256 x = p.x, y = p.y, z = p.z;
+        auto mul = [](__m256 a, __m256 b) { return _mm256_mul_ps(a, b); };
+        auto sub = [](__m256 a, __m256 b) { return _mm256_sub_ps(a, b); };
+        auto add = [](__m256 a, __m256 b) { return _mm256_add_ps(a, b); };
+        auto div = [](__m256 a, __m256 b) { return _mm256_div_ps(a, b); };
+        auto kept = [&](__m256 v) { return zeroOutside(v, in); };
+
+        const __m256 Jg[6] = {kept(mul(wg, sub(mul(y, n.z), mul(z, n.y)))),
+                              kept(mul(wg, sub(mul(z, n.x), mul(x, n.z)))),
+                              kept(mul(wg, sub(mul(x, n.y), mul(y, n.x)))),
+                              kept(mul(wg, n.x)), kept(mul(wg, n.y)), kept(mul(wg, n.z))};
+        const __m256 eg = kept(mul(sub(_mm256_loadu_ps(&pairs.residualG[j]), meanG), wg));
+        block.push8(Jg, eg, ne.hessian, ne.gradient, &ne.errorSum);
+
+        const __m256 A = mul(_mm256_loadu_ps(&pairs.pairGradX[j]), fx);
+        const __m256 B = mul(_mm256_loadu_ps(&pairs.pairGradY[j]), fy);
+        const __m256 z2 = mul(z, z);
+        const __m256 minusX = sub(_mm256_setzero_ps(), x);
+        const __m256 Jc[6] = {
+            kept(mul(wc, sub(sub(div(mul(mul(minusX, y), A), z2), B), div(mul(mul(y, y), B), z2)))),
+            kept(mul(wc, add(add(div(mul(mul(x, x), A), z2), A), div(mul(mul(x, y), B), z2)))),
+            kept(mul(wc, sub(div(mul(B, x), z), div(mul(A, y), z)))),
+            kept(mul(wc, div(A, z))),
+            kept(mul(wc, div(B, z))),
+            kept(mul(wc, sub(div(mul(minusX, A), z2), div(mul(y, B), z2))))};
+        const __m256 ec = kept(mul(sub(_mm256_loadu_ps(&pairs.residualC[j]), meanC), wc));
+        block.push8(Jc, ec, ne.hessian, ne.gradient, &ne.errorSum);
+        ne.matchCount += __builtin_popcount(unsigned(_mm256_movemask_ps(in)));
+    }
+    for (; i < end; ++i) {
         const size_t j = size_t(i);
         if (!pairs.matchFlags[j]) continue;
         const Float3& p = movedPoints[i];
@@ -35,8 +78,7 @@ void addColoredRows(const Intrinsics& k, const PairArrays& pairs, const Float3* 
         const float Jg[6] = {wg * (y * n.z - z * n.y), wg * (z * n.x - x * n.z),
                              wg * (x * n.y - y * n.x), wg * n.x, wg * n.y, wg * n.z};
         const float eg = centredResidual(pairs.residualG[j], s.meanG, wg);
-        addRow(ne, Jg, eg);
-        ne.errorSum += double(eg) * double(eg);
+        block.push(Jg, eg, ne.hessian, ne.gradient, &ne.errorSum);
 
         // Derivative of the target image along a move of the point: (p x g, g) with
         // g = (A / z, B / z, -(A x + B y) / z^2).
@@ -50,17 +92,59 @@ void addColoredRows(const Intrinsics& k, const PairArrays& pairs, const Float3* 
                              wc * (B / z),
                              wc * (-x * A / z2 - y * B / z2)};
         const float ec = centredResidual(pairs.residualC[j], s.meanC, wc);
-        addRow(ne, Jc, ec);
-        ne.errorSum += double(ec) * double(ec);
+        block.push(Jc, ec, ne.hessian, ne.gradient, &ne.errorSum);
         ne.matchCount += 1;
     }
+    block.flush(ne.hessian, ne.gradient, &ne.errorSum);
 }
 
 double coloredTrialError(const Intrinsics& k, const PairArrays& pairs, const Float3* movedPoints,
                          const float* sourceGray, const RT_<float>& delta,
                          const PhotometricScale& sc, int begin, int end) {
     double sum = 0.0;
-    for (int i = begin; i < end; ++i) {
+    int i = begin;
+    __m256d laneSums = _mm256_setzero_pd();
+    for (; i + 8 <= end; i += 8) {
+        const size_t j = size_t(i);
+        const __m256 in = flagLanes(&pairs.matchFlags[j]);
+        if (_mm256_movemask_ps(in) == 0) continue;
+        const Lanes3 p = loadLanes(movedPoints + i);
+        const Lanes3 s = transformLanes(delta, p);
+        const Lanes3 q = loadLanes(&pairs.pairPoints[j]);
+        const Lanes3 n = loadLanes(&pairs.pairNormals[j]);
+        const __m256 rg = dotLanes(differenceLanes(s, q), n);
+        const __m256 eg = _mm256_mul_ps(_mm256_sub_ps(rg, _mm256_set1_ps(sc.meanG)),
+                                        _mm256_set1_ps(sc.weightG));
+        auto project = [](__m256 a, float f, __m256 zz, float c) {
+            return _mm256_add_ps(_mm256_div_ps(_mm256_mul_ps(_mm256_set1_ps(f), a), zz),
+                                 _mm256_set1_ps(c));
+        };
+        // The association's pixel from this iteration's point (p.z > 0 for every flagged entry).
+        const __m256 iu = roundHalfAwayNonNegative(project(p.x, k.fx, p.z, k.cx));
+        const __m256 iv = roundHalfAwayNonNegative(project(p.y, k.fy, p.z, k.cy));
+        const __m256 su = _mm256_add_ps(
+            _mm256_div_ps(_mm256_mul_ps(s.x, _mm256_set1_ps(k.fx)), s.z), _mm256_set1_ps(k.cx));
+        const __m256 sv = _mm256_add_ps(
+            _mm256_div_ps(_mm256_mul_ps(s.y, _mm256_set1_ps(k.fy)), s.z), _mm256_set1_ps(k.cy));
+        const __m256 rc = _mm256_sub_ps(
+            _mm256_add_ps(_mm256_add_ps(_mm256_loadu_ps(&pairs.pairGray[j]),
+                                        _mm256_mul_ps(_mm256_sub_ps(su, iu),
+                                                      _mm256_loadu_ps(&pairs.pairGradX[j]))),
+                          _mm256_mul_ps(_mm256_sub_ps(sv, iv), _mm256_loadu_ps(&pairs.pairGradY[j]))),
+            _mm256_loadu_ps(sourceGray + i));
+        const __m256 ec = _mm256_mul_ps(_mm256_sub_ps(rc, _mm256_set1_ps(sc.meanC)),
+                                        _mm256_set1_ps(sc.weightC));
+        const __m256 egIn = zeroOutside(eg, in), ecIn = zeroOutside(ec, in);
+        for (int half = 0; half < 2; ++half) {
+            const __m256d g = _mm256_cvtps_pd(half ? _mm256_extractf128_ps(egIn, 1) : _mm256_castps256_ps128(egIn));
+            const __m256d c = _mm256_cvtps_pd(half ? _mm256_extractf128_ps(ecIn, 1) : _mm256_castps256_ps128(ecIn));
+            laneSums = _mm256_add_pd(laneSums, _mm256_add_pd(_mm256_mul_pd(g, g), _mm256_mul_pd(c, c)));
+        }
+    }
+    double lanes[4];
+    _mm256_storeu_pd(lanes, laneSums);
+    sum += (lanes[0] + lanes[1]) + (lanes[2] + lanes[3]);
+    for (; i < end; ++i) {
         const size_t j = size_t(i);
         if (!pairs.matchFlags[j]) continue;
         const Float3& p = movedPoints[i];

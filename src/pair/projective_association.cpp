@@ -1,6 +1,10 @@
 #include "pair/projective_association.h"
 
+#include <algorithm>
 #include <cmath>
+
+#include "core/row_block.h"
+#include "core/float3_lanes.h"
 
 namespace kestor {
 
@@ -60,22 +64,57 @@ inline double squaredDistance(const Float3& a, const Float3& b, Float3& d) {
     return double(d.x) * double(d.x) + double(d.y) * double(d.y) + double(d.z) * double(d.z);
 }
 
+// The pixel of the point and plane forms for eight lanes, as nearestPixel finds it for each.
+inline __m256 nearestPixelLanes(__m256 c, int size, bool strict, __m256i& pixel) {
+    const __m256 zero = _mm256_setzero_ps();
+    const __m256 inFront = strict ? _mm256_cmp_ps(c, zero, _CMP_GT_OQ) : _mm256_cmp_ps(c, zero, _CMP_GE_OQ);
+    const __m256 shifted = _mm256_add_ps(c, _mm256_set1_ps(0.5f));
+    const __m256 inside = _mm256_cmp_ps(shifted, _mm256_set1_ps(float(size)), _CMP_LT_OQ);
+    pixel = _mm256_cvttps_epi32(shifted);
+    return _mm256_and_ps(inFront, inside);
+}
+
+// The coloured form's pixel for eight lanes, as roundedPixel finds it for each.
+inline __m256 roundedPixelLanes(__m256 c, int size, __m256& rounded, __m256i& pixel) {
+    const __m256 inFront = _mm256_cmp_ps(c, _mm256_setzero_ps(), _CMP_GE_OQ);
+    rounded = roundHalfAwayNonNegative(c);
+    const __m256 inside = _mm256_cmp_ps(rounded, _mm256_set1_ps(float(size)), _CMP_LT_OQ);
+    pixel = _mm256_cvttps_epi32(rounded);
+    return _mm256_and_ps(inFront, inside);
+}
+
+// Projection of eight moved points: (p * f) / z + c, as the scalar forms compute it.
+inline __m256 projectLanes(__m256 a, __m256 z, float f, float c) {
+    return _mm256_add_ps(_mm256_div_ps(_mm256_mul_ps(a, _mm256_set1_ps(f)), z), _mm256_set1_ps(c));
+}
+
+// How far along a target row the passes ask for cache lines ahead of their reads.
+constexpr int kPrefetchPixels = 64;
+
+inline bool anyLane(__m256 mask) { return _mm256_movemask_ps(mask) != 0; }
+
+inline __m256 nonZeroNormal(const Lanes3& n) {
+    return _mm256_or_ps(_mm256_or_ps(nonZero(n.x), nonZero(n.y)), nonZero(n.z));
+}
+
 }  // namespace
 
-CompactSource compactPoints(const ImageView<const Float3>& vmap) {
-    CompactSource s;
+void compactPoints(const ImageView<const Float3>& vmap, CompactSource& s) {
+    s.points.clear();
+    s.normals.clear();
+    s.gray.clear();
     for (int y = 0; y < vmap.height; ++y) {
         const Float3* row = rowOf(vmap, y);
         for (int x = 0; x < vmap.width; ++x)
             if (row[x].z > 0.0f) s.points.push_back(row[x]);
     }
-    return s;
 }
 
-CompactSource compactWithNormals(const ImageView<const Float3>& vmap,
-                                 const ImageView<const Float3>& nmap,
-                                 const ImageView<const float>& gray) {
-    CompactSource s;
+void compactWithNormals(const ImageView<const Float3>& vmap, const ImageView<const Float3>& nmap,
+                        const ImageView<const float>& gray, CompactSource& s) {
+    s.points.clear();
+    s.normals.clear();
+    s.gray.clear();
     const bool withGray = gray.data != nullptr;
     for (int y = 0; y < vmap.height; ++y) {
         const Float3* v = rowOf(vmap, y);
@@ -88,26 +127,51 @@ CompactSource compactWithNormals(const ImageView<const Float3>& vmap,
             if (withGray) s.gray.push_back(g[x]);
         }
     }
+}
+
+CompactSource compactPoints(const ImageView<const Float3>& vmap) {
+    CompactSource s;
+    compactPoints(vmap, s);
     return s;
 }
 
+CompactSource compactWithNormals(const ImageView<const Float3>& vmap,
+                                 const ImageView<const Float3>& nmap,
+                                 const ImageView<const float>& gray) {
+    CompactSource s;
+    compactWithNormals(vmap, nmap, gray, s);
+    return s;
+}
+
+namespace {
+
+// Grows a workspace array to at least n entries and never shrinks it: a thread's runs go from
+// coarse to fine levels, and shrinking would zero-fill the arrays again on every run.
+template <typename T>
+void growTo(std::vector<T>& v, int n) {
+    if (v.size() < size_t(n)) v.resize(size_t(n));
+}
+
+}  // namespace
+
 void PairArrays::resizePoint(int n) {
-    matchFlags.assign(size_t(n), 0);
-    pairPoints.resize(size_t(n));
+    growTo(matchFlags, n);
+    std::fill_n(matchFlags.begin(), n, uint8_t(0));
+    growTo(pairPoints, n);
 }
 
 void PairArrays::resizePlane(int n) {
     resizePoint(n);
-    pairNormals.resize(size_t(n));
+    growTo(pairNormals, n);
 }
 
 void PairArrays::resizeColored(int n) {
     resizePlane(n);
-    residualG.resize(size_t(n));
-    pairGray.resize(size_t(n));
-    pairGradX.resize(size_t(n));
-    pairGradY.resize(size_t(n));
-    residualC.resize(size_t(n));
+    growTo(residualG, n);
+    growTo(pairGray, n);
+    growTo(pairGradX, n);
+    growTo(pairGradY, n);
+    growTo(residualC, n);
 }
 
 void associatePoint(const Intrinsics& k, const TargetMaps& target, const CompactSource& source,
@@ -158,7 +222,49 @@ void associatePlane(const Intrinsics& k, const TargetMaps& target, const Compact
                     int begin, int end, NormalEquations& ne) {
     const MapReader<Float3> vmap(target.vmap), nmap(target.nmap);
     const int W = target.vmap.width, H = target.vmap.height;
-    for (int i = begin; i < end; ++i) {
+    RowBlock<6> block;
+    int i = begin;
+    if (lanesCanRead(target.vmap) && lanesCanRead(target.nmap)) {
+        const LaneMap vl = laneMap(target.vmap), nl = laneMap(target.nmap);
+        const __m256 cosLimit = _mm256_set1_ps(floatBelowOrAt(limits.cosMaxAngle));
+        for (; i + 8 <= end; i += 8) {
+            const Lanes3 p = transformLanes(pose, loadLanes(&source.points[size_t(i)]));
+            __m256i iu, iv;
+            __m256 ok = _mm256_and_ps(
+                nearestPixelLanes(projectLanes(p.x, p.z, k.fx, k.cx), W, true, iu),
+                nearestPixelLanes(projectLanes(p.y, p.z, k.fy, k.cy), H, true, iv));
+            if (!anyLane(ok)) {
+                storeFlags(&pairs.matchFlags[size_t(i)], ok);
+                continue;
+            }
+            // Every read of a pixel inside the map is issued at once, so that the cache misses
+            // of the two maps overlap; the vertex and normal gates are applied afterwards.
+            const __m256i vo = laneOffsets(vl, iu, iv), no = laneOffsets(nl, iu, iv);
+            const Lanes3 q = gatherLanes3(vl, vo, ok);
+            const Lanes3 n = gatherLanes3(nl, no, ok);
+            prefetchAhead(vl, vo, ok, kPrefetchPixels);
+            prefetchAhead(nl, no, ok, kPrefetchPixels);
+            ok = _mm256_and_ps(ok, _mm256_cmp_ps(q.z, _mm256_setzero_ps(), _CMP_GT_OQ));
+            ok = _mm256_and_ps(ok, nonZeroNormal(n));
+            const Lanes3 d = differenceLanes(p, q);
+            ok = _mm256_and_ps(ok, withinDistance(d, limits.maxDistanceSquared));
+            const Lanes3 m = rotateLanes(pose, loadLanes(&source.normals[size_t(i)]));
+            ok = _mm256_and_ps(ok, _mm256_cmp_ps(dotLanes(n, m), cosLimit, _CMP_GT_OQ));
+
+            storeFlags(&pairs.matchFlags[size_t(i)], ok);
+            storeLanes(&pairs.pairPoints[size_t(i)], q);
+            storeLanes(&pairs.pairNormals[size_t(i)], n);
+            const __m256 r = dotLanes(d, n);
+            const __m256 J[6] = {
+                zeroOutside(_mm256_sub_ps(_mm256_mul_ps(p.y, n.z), _mm256_mul_ps(p.z, n.y)), ok),
+                zeroOutside(_mm256_sub_ps(_mm256_mul_ps(p.z, n.x), _mm256_mul_ps(p.x, n.z)), ok),
+                zeroOutside(_mm256_sub_ps(_mm256_mul_ps(p.x, n.y), _mm256_mul_ps(p.y, n.x)), ok),
+                zeroOutside(n.x, ok), zeroOutside(n.y, ok), zeroOutside(n.z, ok)};
+            block.push8(J, zeroOutside(r, ok), ne.hessian, ne.gradient, &ne.errorSum);
+            ne.matchCount += __builtin_popcount(unsigned(_mm256_movemask_ps(ok)));
+        }
+    }
+    for (; i < end; ++i) {
         Float3 p, q;
         int iu, iv;
         if (!projectToTarget(k, pose, source.points[size_t(i)], vmap, W, H, true, p, iu, iv, q))
@@ -178,10 +284,10 @@ void associatePlane(const Intrinsics& k, const TargetMaps& target, const Compact
         const float r = d.x * n.x + d.y * n.y + d.z * n.z;
         const float J[6] = {p.y * n.z - p.z * n.y, p.z * n.x - p.x * n.z, p.x * n.y - p.y * n.x,
                             n.x, n.y, n.z};
-        addRow(ne, J, r);
-        ne.errorSum += double(r) * double(r);
+        block.push(J, r, ne.hessian, ne.gradient, &ne.errorSum);
         ne.matchCount += 1;
     }
+    block.flush(ne.hessian, ne.gradient, &ne.errorSum);
 }
 
 void associateColored(const Intrinsics& k, const TargetMaps& target, const Float3* movedPoints,
@@ -191,7 +297,80 @@ void associateColored(const Intrinsics& k, const TargetMaps& target, const Float
     const MapReader<Float3> vmap(target.vmap), nmap(target.nmap);
     const MapReader<float> gray(target.gray), gradX(target.gradX), gradY(target.gradY);
     const int W = target.vmap.width, H = target.vmap.height;
-    for (int i = begin; i < end; ++i) {
+    int i = begin;
+    if (lanesCanRead(target.vmap) && lanesCanRead(target.nmap) && lanesCanRead(target.gray) &&
+        lanesCanRead(target.gradX) && lanesCanRead(target.gradY)) {
+        const LaneMap vl = laneMap(target.vmap), nl = laneMap(target.nmap);
+        const LaneMap gl = laneMap(target.gray), xl = laneMap(target.gradX),
+                      yl = laneMap(target.gradY);
+        const __m256 cosLimit = _mm256_set1_ps(floatBelowOrAt(limits.cosMaxAngle));
+        __m256d count = _mm256_setzero_pd();
+        __m256d sums[4] = {count, count, count, count};  // rg, rc, rg^2, rc^2
+        auto addWidened = [](__m256d& sum, __m256 v) {
+            sum = _mm256_add_pd(sum, _mm256_cvtps_pd(_mm256_castps256_ps128(v)));
+            sum = _mm256_add_pd(sum, _mm256_cvtps_pd(_mm256_extractf128_ps(v, 1)));
+        };
+        for (; i + 8 <= end; i += 8) {
+            const Lanes3 p = loadLanes(movedPoints + i);
+            const __m256 u = projectLanes(p.x, p.z, k.fx, k.cx);
+            const __m256 v = projectLanes(p.y, p.z, k.fy, k.cy);
+            __m256 ru, rv;
+            __m256i iu, iv;
+            __m256 ok = _mm256_and_ps(roundedPixelLanes(u, W, ru, iu), roundedPixelLanes(v, H, rv, iv));
+            if (!anyLane(ok)) {
+                storeFlags(&pairs.matchFlags[size_t(i)], ok);
+                continue;
+            }
+            // Every read of a pixel inside the map is issued at once, so that the cache misses
+            // of the two maps overlap; the vertex and normal gates are applied afterwards.
+            const __m256i vo = laneOffsets(vl, iu, iv), no = laneOffsets(nl, iu, iv),
+                          go = laneOffsets(gl, iu, iv), xo = laneOffsets(xl, iu, iv),
+                          yo = laneOffsets(yl, iu, iv);
+            const Lanes3 q = gatherLanes3(vl, vo, ok);
+            const Lanes3 n = gatherLanes3(nl, no, ok);
+            const __m256 g = gatherLanes(gl, go, ok);
+            const __m256 gx = gatherLanes(xl, xo, ok);
+            const __m256 gy = gatherLanes(yl, yo, ok);
+            prefetchAhead(vl, vo, ok, kPrefetchPixels);
+            prefetchAhead(nl, no, ok, kPrefetchPixels);
+            prefetchAhead(gl, go, ok, kPrefetchPixels);
+            prefetchAhead(xl, xo, ok, kPrefetchPixels);
+            prefetchAhead(yl, yo, ok, kPrefetchPixels);
+            ok = _mm256_and_ps(ok, _mm256_cmp_ps(q.z, _mm256_setzero_ps(), _CMP_GT_OQ));
+            ok = _mm256_and_ps(ok, nonZeroNormal(n));
+            const Lanes3 d = differenceLanes(p, q);
+            ok = _mm256_and_ps(ok, withinDistance(d, limits.maxDistanceSquared));
+            const Lanes3 m = loadLanes(movedNormals + i);
+            ok = _mm256_and_ps(ok, _mm256_cmp_ps(dotLanes(n, m), cosLimit, _CMP_GT_OQ));
+
+            const size_t j = size_t(i);
+            storeFlags(&pairs.matchFlags[j], ok);
+            storeLanes(&pairs.pairPoints[j], q);
+            storeLanes(&pairs.pairNormals[j], n);
+            const __m256 rg = _mm256_add_ps(
+                _mm256_add_ps(_mm256_mul_ps(d.y, n.y), _mm256_mul_ps(d.x, n.x)), _mm256_mul_ps(d.z, n.z));
+            _mm256_storeu_ps(&pairs.residualG[j], rg);
+            _mm256_storeu_ps(&pairs.pairGray[j], g);
+            _mm256_storeu_ps(&pairs.pairGradX[j], gx);
+            _mm256_storeu_ps(&pairs.pairGradY[j], gy);
+            const __m256 rc = _mm256_sub_ps(
+                _mm256_add_ps(_mm256_add_ps(g, _mm256_mul_ps(_mm256_sub_ps(u, ru), gx)),
+                              _mm256_mul_ps(_mm256_sub_ps(v, rv), gy)),
+                _mm256_loadu_ps(sourceGray + i));
+            _mm256_storeu_ps(&pairs.residualC[j], rc);
+            const __m256 rgIn = zeroOutside(rg, ok), rcIn = zeroOutside(rc, ok);
+            stats.count += __builtin_popcount(unsigned(_mm256_movemask_ps(ok)));
+            addWidened(sums[0], rgIn);
+            addWidened(sums[1], rcIn);
+            addWidened(sums[2], _mm256_mul_ps(rgIn, rgIn));
+            addWidened(sums[3], _mm256_mul_ps(rcIn, rcIn));
+        }
+        double lanes[4][4];
+        for (int s = 0; s < 4; ++s) _mm256_storeu_pd(lanes[s], sums[s]);
+        double* targets[4] = {&stats.sumG, &stats.sumC, &stats.sumSquaresG, &stats.sumSquaresC};
+        for (int s = 0; s < 4; ++s) *targets[s] += (lanes[s][0] + lanes[s][1]) + (lanes[s][2] + lanes[s][3]);
+    }
+    for (; i < end; ++i) {
         const Float3& p = movedPoints[i];
         const float u = (p.x * k.fx) / p.z + k.cx;
         const float v = (p.y * k.fy) / p.z + k.cy;

@@ -24,6 +24,10 @@ CompactSource compactPoints(const ImageView<const Float3>& vmap);
 CompactSource compactWithNormals(const ImageView<const Float3>& vmap,
                                  const ImageView<const Float3>& nmap,
                                  const ImageView<const float>& gray);
+// The same two into an existing source, reusing its memory.
+void compactPoints(const ImageView<const Float3>& vmap, CompactSource& out);
+void compactWithNormals(const ImageView<const Float3>& vmap, const ImageView<const Float3>& nmap,
+                        const ImageView<const float>& gray, CompactSource& out);
 
 // The target frame as the passes read it. Unused maps stay empty.
 struct TargetMaps {
@@ -38,6 +42,8 @@ struct AssociationLimits {
 };
 
 // What each source index found in the last pass; an entry counts only when its flag is set.
+// The arrays hold at least N entries (a reused workspace may hold more); the resize calls clear
+// the first N flags.
 // The flags are bytes, so that threads whose blocks meet never share a flag.
 struct PairArrays {
     std::vector<uint8_t> matchFlags;

@@ -157,13 +157,24 @@ TEST(VmapMatchInfo, ScoreCountsValidSourcePixelsOnly) {
 TEST(VmapMatchInfo, BordersAndStrictTests) {
     // One target pixel at column 0; a source point that projects to u = -0.3 or u = +0.3.
     const double K[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+    // Rows of 2 pixels are scored one pixel at a time and rows of 9 eight at a time first:
+    // both must give the same answer.
     const auto run = [&](float x, float targetNormalZ, float sourceNormalY, double maxAngle,
                          double maxDistance) {
-        const float vmap[6] = {x, 0, 1, 0, 0, 0}, nmap1[6] = {0, 0, targetNormalZ, 0, 0, 0};
-        const float nmap2[6] = {0, sourceNormalY, std::sqrt(1.0f - sourceNormalY * sourceNormalY), 0, 0, 1};
-        std::vector<double> info(36);
-        return KESTORCalcVmapMatchInfo(vmap, nmap1, vmap, nmap2, 2, 1, K, kIdentity.data(),
-                                       info.data(), maxDistance, maxAngle, 1.0);
+        int status[2];
+        for (int width : {2, 9}) {
+            std::vector<float> vmap(size_t(3 * width), 0.0f), nmap1 = vmap, nmap2 = vmap;
+            vmap[0] = x, vmap[2] = 1;
+            nmap1[2] = targetNormalZ;
+            nmap2[1] = sourceNormalY, nmap2[2] = std::sqrt(1.0f - sourceNormalY * sourceNormalY);
+            for (int i = 1; i < width; ++i) nmap2[size_t(3 * i + 2)] = 1;
+            std::vector<double> info(36);
+            status[width == 9] = KESTORCalcVmapMatchInfo(vmap.data(), nmap1.data(), vmap.data(),
+                                                         nmap2.data(), width, 1, K, kIdentity.data(),
+                                                         info.data(), maxDistance, maxAngle, 1.0);
+        }
+        EXPECT_EQ(status[0], status[1]);
+        return status[1];
     };
     EXPECT_EQ(run(0.3f, 1, 0, 1.0, 0.1), KESTOR_STATUS_OK);
     EXPECT_EQ(run(-0.3f, 1, 0, 1.0, 0.1), KESTOR_STATUS_FAILED);  // rounds to 0, but u < 0

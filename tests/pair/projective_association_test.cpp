@@ -1,9 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <vector>
 
+#include "pair/photometric_term.h"
 #include "pair/projective_association.h"
+#include "support/rgbd_maps.h"
 
 using namespace kestor;
 
@@ -26,26 +29,32 @@ struct Gates {
                           packedView(grad.data(), W, H)};
     }
 
-    // Which of the three forms accept the source point (u, v, 1) with normal (0, 0, -1).
+    // Which of the three forms accept the source point (u, v, 1) with normal (0, 0, -1). Nine
+    // copies run as well, eight in vector lanes and one in the scalar tail; all must agree.
     std::vector<bool> accepted(float u, float v) const {
-        CompactSource s;
-        s.points = {Float3{u, v, 1}};
-        s.normals = {Float3{0, 0, -1}};
-        s.gray = {0.5f};
-        const RT_<float> id = RT_<float>::identity();
-        PairArrays pairs;
-        pairs.resizeColored(1);
-        NormalEquations ne{};
-        associatePoint(k, target(), s, id, limits, pairs, 0, 1, ne);
-        std::vector<bool> out{pairs.matchFlags[0] != 0};
-        pairs.resizeColored(1);
-        associatePlane(k, target(), s, id, limits, pairs, 0, 1, ne);
-        out.push_back(pairs.matchFlags[0] != 0);
-        pairs.resizeColored(1);
-        ResidualStats stats{};
-        associateColored(k, target(), s.points.data(), s.normals.data(), s.gray.data(), limits,
-                         pairs, 0, 1, stats);
-        out.push_back(pairs.matchFlags[0] != 0);
+        std::vector<bool> out;
+        for (int form = 0; form < 3; ++form) {
+            std::vector<uint8_t> flags;
+            for (int n : {1, 9}) {
+                CompactSource s;
+                s.points.assign(size_t(n), Float3{u, v, 1});
+                s.normals.assign(size_t(n), Float3{0, 0, -1});
+                s.gray.assign(size_t(n), 0.5f);
+                const RT_<float> id = RT_<float>::identity();
+                PairArrays pairs;
+                pairs.resizeColored(n);
+                NormalEquations ne{};
+                ResidualStats stats{};
+                if (form == 0) associatePoint(k, target(), s, id, limits, pairs, 0, n, ne);
+                if (form == 1) associatePlane(k, target(), s, id, limits, pairs, 0, n, ne);
+                if (form == 2)
+                    associateColored(k, target(), s.points.data(), s.normals.data(),
+                                     s.gray.data(), limits, pairs, 0, n, stats);
+                flags.insert(flags.end(), pairs.matchFlags.begin(), pairs.matchFlags.end());
+            }
+            for (uint8_t f : flags) EXPECT_EQ(f, flags[0]) << "form " << form << " at " << u << ", " << v;
+            out.push_back(flags[0] != 0);
+        }
         return out;
     }
 };
@@ -114,4 +123,110 @@ TEST(ProjectiveAssociation, ColoredResidualTakesTheImageToTheExactProjection) {
     EXPECT_NEAR(pairs.residualC[0], 0.1f + 0.06f - 0.04f - 0.05f, 1e-6);
     EXPECT_NEAR(pairs.residualG[0], -(1.0f - 1.0f), 1e-6);
     EXPECT_EQ(stats.count, 1);
+}
+
+namespace {
+
+// Two rendered 160x120 frames of the textured room, the second moved by a few centimetres and a
+// degree, with the source compacted as the coloured solver does.
+struct RoomPair {
+    kestor_test::Camera camera = kestor_test::Camera().scaled(160, 120);
+    std::vector<kestor_test::LevelMaps> target, source;
+    CompactSource compact;
+    RT_<float> pose = RT_<float>::identity();
+    Intrinsics k;
+    AssociationLimits limits{0.1 * 0.1, std::cos(1.2)};
+
+    RoomPair() {
+        using kestor_test::Pose;
+        const kestor_test::Scene scene = kestor_test::Scene::texturedRoom();
+        const Pose base = Pose::fromAxisAngle({0, 1, 0}, 0.2, {0.2, -0.1, -0.3});
+        const Pose motion = Pose::fromAxisAngle({1, 2, 0.5}, 1.0 * M_PI / 180, {0.03, -0.02, 0.01});
+        target = kestor_test::buildLevels(camera, scene.render(camera, base), 1);
+        source = kestor_test::buildLevels(camera, scene.render(camera, base * motion), 1);
+        compact = compactWithNormals(source[0].vertices(), source[0].normals(), source[0].grayView());
+        k = kestor_test::intrinsicsOf(camera);
+        // Not quite the truth, so that some pairs fail the distance gate.
+        eulerToRotation(0.01f, -0.02f, 0.015f, pose.rotation);
+        pose.translation[0] = 0.02f;
+    }
+    TargetMaps maps() const {
+        const kestor_test::LevelMaps& t = target[0];
+        return TargetMaps{t.vertices(), t.normals(), t.grayView(), t.gradXView(), t.gradYView()};
+    }
+};
+
+bool sameBits(const Float3& a, const Float3& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+
+void expectSameEquations(const NormalEquations& a, const NormalEquations& b) {
+    EXPECT_EQ(a.matchCount, b.matchCount);
+    for (int e = 0; e < 36; ++e) EXPECT_NEAR(a.hessian[e], b.hessian[e], 1e-9 * (1 + std::fabs(b.hessian[e])));
+    for (int e = 0; e < 6; ++e) EXPECT_NEAR(a.gradient[e], b.gradient[e], 1e-9 * (1 + std::fabs(b.gradient[e])));
+    EXPECT_NEAR(a.errorSum, b.errorSum, 1e-9 * (1 + b.errorSum));
+}
+
+}  // namespace
+
+// The passes run eight entries at a time in vector lanes and the rest one by one. Run over the
+// whole range and entry by entry, every stored value must have the same bits and every sum must
+// agree to rounding.
+TEST(ProjectiveAssociation, LanesAndSingleEntriesAgree) {
+    RoomPair room;
+    const int n = room.compact.size();
+    ASSERT_GT(n, 1000);
+    // Plane form.
+    PairArrays whole, single;
+    whole.resizePlane(n);
+    single.resizePlane(n);
+    NormalEquations a{}, b{};
+    associatePlane(room.k, room.maps(), room.compact, room.pose, room.limits, whole, 0, n, a);
+    for (int i = 0; i < n; ++i)
+        associatePlane(room.k, room.maps(), room.compact, room.pose, room.limits, single, i, i + 1, b);
+    EXPECT_GT(a.matchCount, n / 2);
+    EXPECT_LT(a.matchCount, n);
+    expectSameEquations(a, b);
+    for (int i = 0; i < n; ++i) {
+        ASSERT_EQ(whole.matchFlags[size_t(i)], single.matchFlags[size_t(i)]) << i;
+        if (!whole.matchFlags[size_t(i)]) continue;
+        EXPECT_TRUE(sameBits(whole.pairPoints[size_t(i)], single.pairPoints[size_t(i)]));
+        EXPECT_TRUE(sameBits(whole.pairNormals[size_t(i)], single.pairNormals[size_t(i)]));
+    }
+
+    // Coloured form, its rows and its trial error.
+    std::vector<Float3> moved(static_cast<size_t>(n)), turned(static_cast<size_t>(n));
+    transformPoints(room.pose, room.compact.points.data(), moved.data(), n);
+    rotateNormals(room.pose, room.compact.normals.data(), turned.data(), n);
+    whole.resizeColored(n);
+    single.resizeColored(n);
+    ResidualStats sa{}, sb{};
+    associateColored(room.k, room.maps(), moved.data(), turned.data(), room.compact.gray.data(),
+                     room.limits, whole, 0, n, sa);
+    for (int i = 0; i < n; ++i)
+        associateColored(room.k, room.maps(), moved.data(), turned.data(), room.compact.gray.data(),
+                         room.limits, single, i, i + 1, sb);
+    EXPECT_EQ(sa.count, sb.count);
+    EXPECT_NEAR(sa.sumG, sb.sumG, 1e-9);
+    EXPECT_NEAR(sa.sumSquaresC, sb.sumSquaresC, 1e-9);
+    for (int i = 0; i < n; ++i) {
+        const size_t j = size_t(i);
+        ASSERT_EQ(whole.matchFlags[j], single.matchFlags[j]) << i;
+        if (!whole.matchFlags[j]) continue;
+        EXPECT_EQ(whole.residualG[j], single.residualG[j]);
+        EXPECT_EQ(whole.residualC[j], single.residualC[j]);
+        EXPECT_EQ(whole.pairGradX[j], single.pairGradX[j]);
+        EXPECT_EQ(whole.pairGray[j], single.pairGray[j]);
+    }
+    const PhotometricScale scale = photometricScale(sa, colorBalance(0.3));
+    NormalEquations ra{}, rb{};
+    addColoredRows(room.k, whole, moved.data(), scale, 0, n, ra);
+    for (int i = 0; i < n; ++i) addColoredRows(room.k, whole, moved.data(), scale, i, i + 1, rb);
+    expectSameEquations(ra, rb);
+    RT_<float> delta = RT_<float>::identity();
+    eulerToRotation(0.001f, 0.002f, -0.001f, delta.rotation);
+    delta.translation[2] = 0.003f;
+    double ta = coloredTrialError(room.k, whole, moved.data(), room.compact.gray.data(), delta, scale, 0, n);
+    double tb = 0.0;
+    for (int i = 0; i < n; ++i)
+        tb += coloredTrialError(room.k, whole, moved.data(), room.compact.gray.data(), delta, scale, i, i + 1);
+    EXPECT_NEAR(ta, tb, 1e-9 * tb);
 }

@@ -1,0 +1,50 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+
+#include "core/normal_rows.h"
+#include "core/row_block.h"
+
+using namespace kestor;
+
+// Rows pushed one at a time and eight at a time, in an order that crosses the block's capacity
+// at every offset, must give the sums of adding each row on its own.
+TEST(RowBlock, MixedPushesGiveTheRowByRowSums) {
+    std::mt19937 random(7);
+    std::uniform_real_distribution<float> value(-2.0f, 2.0f);
+    for (int singlesFirst : {0, 1, 3, 7, 63, 64, 65}) {
+        RowBlock<6> block;
+        double h[36] = {}, g[6] = {}, e = 0.0;
+        double rh[36] = {}, rg[6] = {}, re = 0.0;
+        auto single = [&] {
+            float row[6];
+            for (float& v : row) v = value(random);
+            const float r = value(random);
+            block.push(row, r, h, g, &e);
+            addNormalRow<6>(rh, rg, row, r);
+            re += double(r) * double(r);
+        };
+        for (int i = 0; i < singlesFirst; ++i) single();
+        for (int k = 0; k < 24; ++k) {
+            alignas(32) float lanes[6][8], r[8];
+            for (int l = 0; l < 8; ++l) {
+                float row[6];
+                for (int a = 0; a < 6; ++a) row[a] = lanes[a][l] = value(random);
+                r[l] = value(random);
+                addNormalRow<6>(rh, rg, row, r[l]);
+                re += double(r[l]) * double(r[l]);
+            }
+            __m256 columns[6];
+            for (int a = 0; a < 6; ++a) columns[a] = _mm256_load_ps(lanes[a]);
+            block.push8(columns, _mm256_load_ps(r), h, g, &e);
+            if (k % 8 == 7) single();  // with no singles first, the block is full here
+        }
+        block.flush(h, g, &e);
+        for (int a = 0; a < 6; ++a) {
+            for (int b = a; b < 6; ++b) EXPECT_NEAR(h[a * 6 + b], rh[a * 6 + b], 1e-9) << singlesFirst;
+            EXPECT_NEAR(g[a], rg[a], 1e-9);
+        }
+        EXPECT_NEAR(e, re, 1e-9);
+    }
+}
