@@ -94,8 +94,11 @@ RGBDFusionImpl::RGBDFusionImpl(const double* K, int width_, int height_,
     cy = K[5];
     para = defaultPara();
     cache = new FrameCache();
-    hostImagePool = deviceMemory ? makePool(imageBytes, kHostImageBlocksPerChunk, false) : nullptr;
-    imagePool = makePool(imageBytes, kImageBlocksPerChunk, deviceMemory);
+    // Image blocks follow each other in a chunk: an odd-sized block (colour without a mask, an
+    // odd pixel count) would leave the next block's depth plane unaligned for floats.
+    const size_t imageBlockBytes = (imageBytes + 15) & ~size_t(15);
+    hostImagePool = deviceMemory ? makePool(imageBlockBytes, kHostImageBlocksPerChunk, false) : nullptr;
+    imagePool = makePool(imageBlockBytes, kImageBlocksPerChunk, deviceMemory);
     framePool = makePool(frameBytes, kFrameBlocksPerChunk, false);
     groupPool = makePool(groupBytes, kGroupBlocksPerChunk, false);
     pyramidPool = makePool(pyramidBytes, kPyramidBlocksPerChunk, deviceMemory);

@@ -2,6 +2,7 @@
 #include <cstring>
 #include <vector>
 
+#include "core/argument_sizes.h"
 #include "core/progress.h"
 #include "graph/connected_groups.h"
 #include "graph/initial_poses.h"
@@ -37,7 +38,8 @@ int KESTOROptimizePoseGraph(const int* edgePairs, const double* edgeTransforms,
                             double pruneThreshold, bool useThreads, bool verbose,
                             KESTORProgressFunc progress, void* progressContext) {
     if (edgePairs == nullptr || edgeTransforms == nullptr || edgeInformation == nullptr ||
-        poses == nullptr || edgeCount < 1 || poseCount < 2)
+        poses == nullptr || !countFits(edgeCount, 36) || poseCount < 2 ||
+        !countFits(poseCount, 12))
         return KESTOR_STATUS_BAD_ARGUMENT;
     const std::vector<NodePair> pairs = pairsFrom(edgePairs, edgeCount);
     const std::vector<RT_<double>> measurements = transformsFrom(edgeTransforms, edgeCount);
@@ -67,7 +69,7 @@ int KESTOROptimizePoseGraph(const int* edgePairs, const double* edgeTransforms,
 
 // These two answer bad arguments with 1, not 4.
 int KESTORFindConnectedGroups(const int* pairs, int pairCount, int* groups, int nodeCount) {
-    if (pairs == nullptr || pairCount < 1 || groups == nullptr || nodeCount < 1)
+    if (pairs == nullptr || !countFits(pairCount, 2) || groups == nullptr || nodeCount < 1)
         return KESTOR_STATUS_FAILED;
     const std::vector<NodePair> nodePairs = pairsFrom(pairs, pairCount);
     findConnectedGroups(nodePairs.data(), pairCount, groups, nodeCount);
@@ -77,8 +79,8 @@ int KESTORFindConnectedGroups(const int* pairs, int pairCount, int* groups, int 
 int KESTORFindInitRTsFromPairMatch(const int* pairs, const double* pairTransforms,
                                    const double* pairScores, int pairCount, double* poses,
                                    int nodeCount, bool preferNeighbours) {
-    if (pairs == nullptr || pairTransforms == nullptr || pairScores == nullptr || pairCount < 1 ||
-        poses == nullptr || nodeCount < 1)
+    if (pairs == nullptr || pairTransforms == nullptr || pairScores == nullptr ||
+        !countFits(pairCount, 12) || poses == nullptr || !countFits(nodeCount, 12))
         return KESTOR_STATUS_FAILED;
     const std::vector<NodePair> nodePairs = pairsFrom(pairs, pairCount);
     const std::vector<RT_<double>> transforms = transformsFrom(pairTransforms, pairCount);

@@ -1,4 +1,7 @@
 // Exports of the image kernels: argument checks, then views over the caller's packed arrays.
+#include <cmath>
+
+#include "core/argument_sizes.h"
 #include "core/rigid_transform.h"
 #include "image/color_points.h"
 #include "image/filter_kernels.h"
@@ -14,6 +17,11 @@ namespace {
 
 // The smoothing of the pyramid levels.
 constexpr double kPyramidSigma = 0.5;
+// The widest smoothing taken: a kernel of about 6200 taps.
+constexpr double kLargestSigma = 1000.0;
+// Level l is (width >> l) by (height >> l); a shift past an int's bits is undefined, and every
+// level beyond 31 is empty anyway.
+constexpr int kMostLevels = 32;
 
 ImageView<const Byte3> colorView(const uint8_t* color, int width, int height) {
     return packedView(reinterpret_cast<const Byte3*>(color), width, height);
@@ -25,7 +33,7 @@ extern "C" {
 
 int KESTORDepthToVmapNmap(const double* K, const float* depth, const uint8_t* mask, float* vmap,
                           float* nmap, int width, int height) {
-    if (K == nullptr || depth == nullptr || vmap == nullptr || width < 1 || height < 1)
+    if (K == nullptr || depth == nullptr || vmap == nullptr || !imageFits(width, height))
         return KESTOR_STATUS_BAD_ARGUMENT;
     const Intrinsics k = intrinsicsFromMatrix(K);
     const auto vertices = packedView(reinterpret_cast<Float3*>(vmap), width, height);
@@ -41,8 +49,8 @@ int KESTORCalcPyramidVmapNmap(const double* K, const float* depth, const uint8_t
                               const uint8_t* mask, float** vmaps, float** nmaps, float** grays,
                               float** gradXs, float** gradYs, int width, int height, int levels,
                               bool useMagnitude) {
-    if (K == nullptr || depth == nullptr || vmaps == nullptr || nmaps == nullptr || width < 1 ||
-        height < 1 || levels < 1)
+    if (K == nullptr || depth == nullptr || vmaps == nullptr || nmaps == nullptr ||
+        !imageFits(width, height) || levels < 1 || levels > kMostLevels)
         return KESTOR_STATUS_BAD_ARGUMENT;
     calcPyramid(intrinsicsFromMatrix(K), depth, color, mask, vmaps, nmaps, grays, gradXs, gradYs,
                 width, height, levels, useMagnitude, kPyramidSigma);
@@ -52,8 +60,9 @@ int KESTORCalcPyramidVmapNmap(const double* K, const float* depth, const uint8_t
 int KESTORCalcGrayAndGradient(const uint8_t* color, float* gray, float* gradX, float* gradY,
                               int width, int height, double sigma, bool useMagnitude,
                               bool parallel) {
+    // sigma sets the kernel's length: NaN, infinite or huge would make it undefined or endless.
     if (color == nullptr || gray == nullptr || gradX == nullptr || gradY == nullptr ||
-        width < 1 || height < 1)
+        !imageFits(width, height) || !(std::fabs(sigma) <= kLargestSigma))
         return KESTOR_STATUS_BAD_ARGUMENT;
     calcGrayAndGradient(colorView(color, width, height), packedView(gray, width, height),
                         packedView(gradX, width, height), packedView(gradY, width, height), sigma,
@@ -62,7 +71,7 @@ int KESTORCalcGrayAndGradient(const uint8_t* color, float* gray, float* gradX, f
 }
 
 int KESTORDepthToMask(const float* depth, uint8_t* mask, int width, int height) {
-    if (depth == nullptr || mask == nullptr || width < 1 || height < 1)
+    if (depth == nullptr || mask == nullptr || !imageFits(width, height))
         return KESTOR_STATUS_BAD_ARGUMENT;
     depthToMask(packedView(depth, width, height), packedView(mask, width, height));
     return KESTOR_STATUS_OK;
@@ -72,7 +81,7 @@ int KESTORCvtUVToPointFromDepth(const double* K, const float* depth, int width, 
                                 const float* uv, float* points, float* normals, int count,
                                 bool parallel) {
     if (K == nullptr || depth == nullptr || uv == nullptr || points == nullptr ||
-        normals == nullptr || width < 1 || height < 1 || count < 1)
+        normals == nullptr || !imageFits(width, height) || !countFits(count, 3))
         return KESTOR_STATUS_BAD_ARGUMENT;
     pixelsToPoints(intrinsicsFromMatrix(K), packedView(depth, width, height), uv, points, normals,
                    count, parallel);
@@ -82,7 +91,7 @@ int KESTORCvtUVToPointFromDepth(const double* K, const float* depth, int width, 
 int KESTORColorDepthToPoints(const float* depth, const uint8_t* color, const uint8_t* mask,
                              int width, int height, const double* K, const double* rt,
                              KESTORPointsFunc callback, void* user) {
-    if (depth == nullptr || callback == nullptr || width < 1 || height < 1)
+    if (depth == nullptr || callback == nullptr || !imageFits(width, height))
         return KESTOR_STATUS_BAD_ARGUMENT;
     const PointsCallback deliver = [callback, user](const float* points, const float* normals,
                                                     const uint8_t* colors, int count) {

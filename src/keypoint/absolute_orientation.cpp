@@ -1,5 +1,8 @@
 #include "keypoint/absolute_orientation.h"
 
+#include <algorithm>
+#include <limits>
+
 #include <Eigen/Eigenvalues>
 
 namespace kestor {
@@ -42,11 +45,17 @@ void calcAbsoluteOrientation(const float* targetPoints, const float* sourcePoint
     // The general solver, as the matrix is small; its unit eigenvector of the largest eigenvalue
     // is the rotation quaternion (w, x, y, z). The first of equal eigenvalues wins.
     Eigen::EigenSolver<Eigen::Matrix<float, 4, 4, Eigen::RowMajor>> solver(N, true);
+    // NaN or infinite points leave the solver without eigenvectors: the result is NaN.
+    if (solver.info() != Eigen::Success) {
+        std::fill(result, result + 12, std::numeric_limits<float>::quiet_NaN());
+        return;
+    }
     const auto values = solver.eigenvalues();
     int best = 0;
     for (int i = 1; i < 4; ++i)
         if (values(i).real() > values(best).real()) best = i;
-    const auto v = solver.eigenvectors().col(best);
+    // eigenvectors() returns a temporary: the column is copied out of it at once.
+    const Eigen::Vector4cf v = solver.eigenvectors().col(best);
     const float w = v(0).real(), x = v(1).real(), y = v(2).real(), z = v(3).real();
 
     float* R = result;

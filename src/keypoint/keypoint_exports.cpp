@@ -1,4 +1,5 @@
 // Exports of the key-point family: argument checks, then the workers on the caller's arrays.
+#include "core/argument_sizes.h"
 #include "core/image_view.h"
 #include "kestor.h"
 #include "keypoint/absolute_orientation.h"
@@ -8,11 +9,22 @@
 
 using namespace kestor;
 
+namespace {
+
+// Both lists of points (3 floats each) and descriptors (dimension floats each) indexable.
+bool keyPointsFit(int targetCount, int sourceCount, int dimension) {
+    return dimension >= 1 && countFits(targetCount, 3) && countFits(sourceCount, 3) &&
+           countFits(targetCount, dimension) && countFits(sourceCount, dimension);
+}
+
+}  // namespace
+
 extern "C" {
 
 int KESTORAbsoluteOrientation(const float* targetPoints, const float* sourcePoints, int count,
                               double* result) {
-    if (targetPoints == nullptr || sourcePoints == nullptr || count < 1 || result == nullptr)
+    if (targetPoints == nullptr || sourcePoints == nullptr || !countFits(count, 3) ||
+        result == nullptr)
         return KESTOR_STATUS_BAD_ARGUMENT;
     float rt[12];
     calcAbsoluteOrientation(targetPoints, sourcePoints, count, rt);
@@ -26,8 +38,8 @@ int KESTORAbsoluteOrientation(const float* targetPoints, const float* sourcePoin
 int KESTORMatchDescriptor(const float* trainDescriptors, int trainCount,
                           const float* queryDescriptors, int* matches, float* distances,
                           int queryCount, int dimension, bool crossCheck, bool useThreads) {
-    if (trainDescriptors == nullptr || trainCount < 1 || queryDescriptors == nullptr ||
-        matches == nullptr || queryCount < 1 || dimension < 1)
+    if (trainDescriptors == nullptr || queryDescriptors == nullptr || matches == nullptr ||
+        dimension < 1 || !countFits(trainCount, dimension) || !countFits(queryCount, dimension))
         return KESTOR_STATUS_BAD_ARGUMENT;
     matchDescriptors(trainDescriptors, trainCount, queryDescriptors, matches, distances,
                      queryCount, dimension, crossCheck, useThreads);
@@ -41,9 +53,9 @@ int KESTORMatchKeyPointsRansac(const float* targetPoints, const float* targetNor
                                double* result, int iterations, double edgeRatio,
                                double inlierDistance, bool crossCheck, bool useThreads,
                                KESTORMatchesFunc onMatches, void* context) {
-    if (targetPoints == nullptr || targetDescriptors == nullptr || targetCount < 1 ||
-        sourcePoints == nullptr || sourceDescriptors == nullptr || sourceCount < 1 ||
-        dimension < 1 || result == nullptr)
+    if (targetPoints == nullptr || targetDescriptors == nullptr || sourcePoints == nullptr ||
+        sourceDescriptors == nullptr || result == nullptr ||
+        !keyPointsFit(targetCount, sourceCount, dimension))
         return KESTOR_STATUS_BAD_ARGUMENT;
     matchKeyPointsRansac(targetPoints, targetNormals, targetDescriptors, targetCount,
                          sourcePoints, sourceNormals, sourceDescriptors, sourceCount, dimension,
@@ -58,9 +70,9 @@ int KESTORMatchKeyPointsIterative(const float* targetPoints, const float* target
                                   double* result, int iterations, double initialScale,
                                   double finalDistance, bool crossCheck, bool useThreads,
                                   KESTORMatchesFunc onMatches, void* context) {
-    if (targetPoints == nullptr || targetDescriptors == nullptr || targetCount < 1 ||
-        sourcePoints == nullptr || sourceDescriptors == nullptr || sourceCount < 1 ||
-        dimension < 1 || result == nullptr)
+    if (targetPoints == nullptr || targetDescriptors == nullptr || sourcePoints == nullptr ||
+        sourceDescriptors == nullptr || result == nullptr ||
+        !keyPointsFit(targetCount, sourceCount, dimension))
         return KESTOR_STATUS_BAD_ARGUMENT;
     matchKeyPointsIterative(targetPoints, targetDescriptors, targetCount, sourcePoints,
                             sourceDescriptors, sourceCount, dimension, poseView(result),

@@ -3,6 +3,7 @@
 // did; a failed or cancelled run shows in the poses it left.
 #include <vector>
 
+#include "core/argument_sizes.h"
 #include "kestor.h"
 #include "multi/align_groups.h"
 #include "multi/match_multi.h"
@@ -22,6 +23,16 @@ int alignPoses(double* rts, int count, Align&& align) {
     return KESTOR_STATUS_OK;
 }
 
+// At least two frames, and their poses (12 doubles each) countable with an int.
+bool framesFit(int frameCount) { return frameCount >= 2 && countFits(frameCount, 12); }
+
+// Point sets may be empty, but not negative or too large to index.
+bool pointCountsFit(const int* sizes, int frameCount) {
+    for (int f = 0; f < frameCount; ++f)
+        if (sizes[f] < 0 || int64_t(sizes[f]) * 3 > kLargestValueCount) return false;
+    return true;
+}
+
 }  // namespace
 
 extern "C" {
@@ -31,7 +42,8 @@ int KESTORMatchMulti(const float* const* points, const float* const* normals,
                      double* rts, int frameCount, int iterations, double maxDistance,
                      double maxAngle, double minScore, double colorWeight, int refreshInterval,
                      bool parallel, bool log, KESTORProgressFunc progress, void* user) {
-    if (points == nullptr || sizes == nullptr || rts == nullptr || frameCount < 2)
+    if (points == nullptr || sizes == nullptr || rts == nullptr || !framesFit(frameCount) ||
+        !(K != nullptr ? imageFits(sizes[0], sizes[1]) : pointCountsFit(sizes, frameCount)))
         return KESTOR_STATUS_BAD_ARGUMENT;
     const MultiOptions options = multiOptions(iterations, maxDistance, maxAngle, minScore,
                                               colorWeight, refreshInterval, parallel, log);
@@ -53,8 +65,8 @@ int KESTORMatchMultiVmapNmap(const float* const* vmaps, const float* const* nmap
                              double maxAngle, double minScore, double colorWeight,
                              int refreshInterval, bool parallel, bool log,
                              KESTORProgressFunc progress, void* user) {
-    if (vmaps == nullptr || K == nullptr || rts == nullptr || width < 1 || height < 1 ||
-        frameCount < 2)
+    if (vmaps == nullptr || K == nullptr || rts == nullptr || !imageFits(width, height) ||
+        !framesFit(frameCount))
         return KESTOR_STATUS_BAD_ARGUMENT;
     const MultiOptions options = multiOptions(iterations, maxDistance, maxAngle, minScore,
                                               colorWeight, refreshInterval, parallel, log);
@@ -70,8 +82,8 @@ int KESTORMatchMultiDepth(const float* const* depths, const unsigned char* const
                           double maxDistance, double maxAngle, double minScore,
                           double colorWeight, int refreshInterval, bool parallel, bool log,
                           KESTORProgressFunc progress, void* user) {
-    if (depths == nullptr || K == nullptr || rts == nullptr || width < 1 || height < 1 ||
-        frameCount < 2)
+    if (depths == nullptr || K == nullptr || rts == nullptr || !imageFits(width, height) ||
+        !framesFit(frameCount))
         return KESTOR_STATUS_BAD_ARGUMENT;
     const MultiOptions options = multiOptions(iterations, maxDistance, maxAngle, minScore,
                                               colorWeight, refreshInterval, parallel, log);
@@ -88,8 +100,8 @@ int KESTORMatchMultiDepthInGroup(const float* const* depths, const unsigned char
                                  double maxAngle, double minScore, double colorWeight,
                                  bool parallel, bool log, KESTORProgressFunc progress,
                                  void* user) {
-    if (depths == nullptr || rts == nullptr || groupIds == nullptr || width < 1 || height < 1 ||
-        frameCount < 2)
+    if (depths == nullptr || rts == nullptr || groupIds == nullptr || !imageFits(width, height) ||
+        !framesFit(frameCount))
         return KESTOR_STATUS_BAD_ARGUMENT;
     const MultiOptions options =
         multiOptions(iterations, maxDistance, maxAngle, minScore, colorWeight, 0, parallel, log);
@@ -107,8 +119,8 @@ int KESTORMatchMultiVmapNmapInGroup(const float* const* vmaps, const float* cons
                                     double maxAngle, double minScore, double colorWeight,
                                     bool parallel, bool log, KESTORProgressFunc progress,
                                     void* user) {
-    if (vmaps == nullptr || rts == nullptr || groupIds == nullptr || width < 1 || height < 1 ||
-        frameCount < 2)
+    if (vmaps == nullptr || rts == nullptr || groupIds == nullptr || !imageFits(width, height) ||
+        !framesFit(frameCount))
         return KESTOR_STATUS_BAD_ARGUMENT;
     const MultiOptions options =
         multiOptions(iterations, maxDistance, maxAngle, minScore, colorWeight, 0, parallel, log);

@@ -1,4 +1,5 @@
 // Exports of the match measures: argument checks, then views over the caller's packed arrays.
+#include "core/argument_sizes.h"
 #include "core/image_view.h"
 #include "core/intrinsics.h"
 #include "core/rigid_transform.h"
@@ -27,7 +28,7 @@ int KESTORCalcPointMatchInfo(const float* points1, const float* normals1, int co
                              const double* rt, double* info, double maxDistance, double maxAngle,
                              double minScore) {
     if (points1 == nullptr || points2 == nullptr || rt == nullptr || info == nullptr ||
-        count1 < 1 || count2 < 1)
+        !countFits(count1, 3) || !countFits(count2, 3))
         return KESTOR_STATUS_BAD_ARGUMENT;
     double score;
     {
@@ -44,7 +45,7 @@ int KESTORCalcVmapMatchInfo(const float* vmap1, const float* nmap1, const float*
                             const double* rt, double* info, double maxDistance, double maxAngle,
                             double minScore) {
     if (vmap1 == nullptr || vmap2 == nullptr || k == nullptr || rt == nullptr || info == nullptr ||
-        width < 1 || height < 1)
+        !imageFits(width, height))
         return KESTOR_STATUS_BAD_ARGUMENT;
     const double score = calcVmapMatchScore(
         mapView(vmap1, width, height), mapView(nmap1, width, height), mapView(vmap2, width, height),
@@ -56,7 +57,7 @@ int KESTORCalcVmapMatchInfo(const float* vmap1, const float* nmap1, const float*
 
 int KESTORCalcVmapSelfMatchInfo(const float* vmap, int width, int height, const double* rt,
                                 double* info) {
-    if (vmap == nullptr || rt == nullptr || info == nullptr || width < 1 || height < 1)
+    if (vmap == nullptr || rt == nullptr || info == nullptr || !imageFits(width, height))
         return KESTOR_STATUS_BAD_ARGUMENT;
     calcVmapSelfInfo(mapView(vmap, width, height), poseFrom(rt), infoView(info));
     return KESTOR_STATUS_OK;

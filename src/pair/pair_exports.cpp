@@ -1,5 +1,6 @@
 // Exports of the pair entries: argument checks, views over the caller's packed arrays, the
 // progress binding, and the worker's bool turned into a status.
+#include "core/argument_sizes.h"
 #include "core/progress.h"
 #include "kestor.h"
 #include "pair/pair_entries.h"
@@ -27,11 +28,6 @@ bool levelsPresent(const float* const* maps, int levels) {
     return true;
 }
 
-// The coarsest level must still have pixels (this also keeps the shifts in range).
-bool levelSizesValid(int width, int height, int levels) {
-    return levels <= 30 && (width >> (levels - 1)) >= 1 && (height >> (levels - 1)) >= 1;
-}
-
 std::vector<ImageView<const Float3>> levelMaps3(const float* const* maps, int w, int h, int levels) {
     std::vector<ImageView<const Float3>> out;
     if (maps == nullptr) return out;
@@ -56,8 +52,10 @@ int KESTORMatchPair(const float* vertices1, const float* normals1, const float* 
                     const int* sizes, const double* K, double* rt, double* info, int iterations,
                     double maxDistance, double maxAngle, double minScore, double colorWeight,
                     bool parallel, bool verbose, KESTORProgressFunc progress, void* user) {
+    // With a camera the sizes are an image's, without they are the two point counts.
     if (vertices1 == nullptr || vertices2 == nullptr || sizes == nullptr || rt == nullptr ||
-        sizes[0] < 1 || sizes[1] < 1)
+        !(K != nullptr ? imageFits(sizes[0], sizes[1])
+                       : countFits(sizes[0], 3) && countFits(sizes[1], 3)))
         return KESTOR_STATUS_BAD_ARGUMENT;
     const PairRunOptions o = optionsOf(iterations, maxDistance, maxAngle, minScore, colorWeight,
                                        parallel, verbose, progress, user);
@@ -75,8 +73,8 @@ int KESTORMatchPairDepth(const float* depth1, const uint8_t* color1, const uint8
                          int iterations, double maxDistance, double maxAngle, double minScore,
                          double colorWeight, bool parallel, bool verbose,
                          KESTORProgressFunc progress, void* user) {
-    if (depth1 == nullptr || depth2 == nullptr || K == nullptr || rt == nullptr || width < 1 ||
-        height < 1)
+    if (depth1 == nullptr || depth2 == nullptr || K == nullptr || rt == nullptr ||
+        !imageFits(width, height))
         return KESTOR_STATUS_BAD_ARGUMENT;
     const PairRunOptions o = optionsOf(iterations, maxDistance, maxAngle, minScore, colorWeight,
                                        parallel, verbose, progress, user);
@@ -95,8 +93,8 @@ int KESTORMatchPairVmapNmap(const float* vmap1, const float* nmap1, const float*
                             double maxDistance, double maxAngle, double minScore,
                             double colorWeight, bool parallel, bool verbose,
                             KESTORProgressFunc progress, void* user) {
-    if (vmap1 == nullptr || vmap2 == nullptr || K == nullptr || rt == nullptr || width < 1 ||
-        height < 1)
+    if (vmap1 == nullptr || vmap2 == nullptr || K == nullptr || rt == nullptr ||
+        !imageFits(width, height))
         return KESTOR_STATUS_BAD_ARGUMENT;
     const PairRunOptions o = optionsOf(iterations, maxDistance, maxAngle, minScore, colorWeight,
                                        parallel, verbose, progress, user);
@@ -117,8 +115,8 @@ int KESTORMatchPairVmapNmapPyramid(const float* const* vmaps1, const float* cons
                                    double minScore, double colorWeight, bool parallel,
                                    bool verbose, KESTORProgressFunc progress, void* user) {
     if (vmaps1 == nullptr || vmaps2 == nullptr || iterationsPerLevel == nullptr ||
-        maxDistancePerLevel == nullptr || K == nullptr || rt == nullptr || width < 1 ||
-        height < 1 || levels < 1 || !levelSizesValid(width, height, levels) ||
+        maxDistancePerLevel == nullptr || K == nullptr || rt == nullptr ||
+        !pyramidFits(width, height, levels) ||
         !levelsPresent(vmaps1, levels) || !levelsPresent(vmaps2, levels) ||
         !levelsPresent(nmaps1, levels) || !levelsPresent(nmaps2, levels) ||
         !levelsPresent(grays1, levels) || !levelsPresent(gradXs1, levels) ||

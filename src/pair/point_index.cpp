@@ -87,6 +87,12 @@ void PointIndex::split(int left, int right, float* box, int& axis, float& cut, i
     box[2 * axis] = lo;
     box[2 * axis + 1] = hi;
     cut = (lo + hi) * 0.5f;
+    // Two huge coordinates overflow the sum: halve them first. Infinities at both ends give NaN:
+    // cut that span at 0.
+    if (std::isinf(cut) && std::isfinite(lo) && std::isfinite(hi))
+        cut = lo * 0.5f + hi * 0.5f;
+    else if (std::isnan(cut))
+        cut = 0.0f;
 
     // Moves the points of [from, right) that satisfy `before` to the front; returns the
     // position after them. The right cursor never goes below position 0.
@@ -110,6 +116,8 @@ void PointIndex::split(int left, int right, float* box, int& axis, float& cut, i
         middle = lim1;
     else
         middle = std::min(lim2, middle);
+    // Whatever the coordinates, both sides keep points, so the recursion ends.
+    if (middle <= left || middle >= right) middle = (left + right) >> 1;
 }
 
 float PointIndex::boxDistanceSq(const float* q, float* axisDistances) const {

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <new>
 
+#include "core/argument_sizes.h"
 #include "core/fusion_instance.h"
 #include "pipeline/pipeline_threads.h"
 #include "kestor.h"
@@ -22,7 +23,9 @@ extern "C" {
 int KESTORCreateInstance(void** instance, const double* K, int width, int height,
                          const double* levelDistances, const int* levelIterations, int levels,
                          int groupSize, unsigned flags) {
-    if (instance == nullptr) return KESTOR_STATUS_BAD_ARGUMENT;
+    // An image too large for the int pixel counts of the frames is refused before anything is
+    // made; other sizes are taken as they come.
+    if (instance == nullptr || !imageValuesFit(width, height)) return KESTOR_STATUS_BAD_ARGUMENT;
     // The block is plain memory that no export frees; only its allocation is tested.
     void* block = std::malloc(sizeof(RGBDFusionImpl));
     *instance = block;

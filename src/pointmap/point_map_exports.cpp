@@ -2,6 +2,7 @@
 // map, and the voxel filter. Argument checks, then the workers with the callbacks wrapped.
 #include <vector>
 
+#include "core/argument_sizes.h"
 #include "core/progress.h"
 #include "kestor.h"
 #include "pointmap/frame_clouds.h"
@@ -78,7 +79,7 @@ int KESTOROptimizePointsMap(void* instance, double voxelSize, int iterations, in
 
 int KESTORVoxelFilter(const float* points, int count, double voxelSize,
                       KESTORIndicesFunc callback, void* user) {
-    if (points == nullptr || count < 1) return KESTOR_STATUS_BAD_ARGUMENT;
+    if (points == nullptr || !countFits(count, 3)) return KESTOR_STATUS_BAD_ARGUMENT;
     std::vector<unsigned char> selected(static_cast<size_t>(count));
     ImageView<unsigned char> selection{selected.data(), 1, 1, count};
     voxelFilter(points, int32_t(count), float(voxelSize), selection);

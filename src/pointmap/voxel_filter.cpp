@@ -1,6 +1,7 @@
 #include "pointmap/voxel_filter.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <limits>
 
@@ -35,6 +36,25 @@ void sortByKey(std::vector<VoxelEntry>& entries, uint64_t maxKey) {
     }
 }
 
+// Voxels spanned along an axis: truncation plus one. Spans that no int can count (huge extents)
+// give the widest int grid, and a NaN or negative one (NaN points, a voxel size not above 0) a
+// single voxel, so the decoding below never divides by 0.
+uint64_t voxelsAcross(float span, float voxelSize) {
+    const float cells = span / voxelSize;
+    if (cells >= 0.0f && cells < 2147483648.0f) return uint64_t(int64_t(cells)) + 1;
+    return cells >= 2147483648.0f ? uint64_t(1) << 31 : 1;
+}
+
+// A point's voxel number along an axis, by truncation. Outside the range of uint64_t the
+// conversion would be undefined: values beyond it saturate, negatives wrap as in 64-bit integer
+// arithmetic, and NaN gives 0. Such points only change where they sort.
+uint64_t voxelIndex(float offset, float voxelSize) {
+    const float v = offset / voxelSize;
+    if (v >= 0.0f) return v < 18446744073709551616.0f ? uint64_t(v) : UINT64_MAX;
+    if (v > -9223372036854775808.0f) return uint64_t(int64_t(v));
+    return v < 0.0f ? uint64_t(INT64_MIN) : 0;
+}
+
 void markSelected(ImageView<unsigned char>& selection, int64_t position) {
     const int64_t width = selection.width;
     rowOf(selection, int(position / width))[position % width] = 255;
@@ -56,17 +76,17 @@ void filterVoxels(const float* points, Count count, float voxelSize,
         ymax = std::max(ymax, p[1]);
         zmin = std::min(zmin, p[2]);
     }
-    const uint64_t nx = uint64_t(int((xmax - xmin) / voxelSize) + 1);
-    const uint64_t ny = uint64_t(int((ymax - ymin) / voxelSize) + 1);
+    const uint64_t nx = voxelsAcross(xmax - xmin, voxelSize);
+    const uint64_t ny = voxelsAcross(ymax - ymin, voxelSize);
     const uint64_t layer = nx * ny;
 
     std::vector<VoxelEntry> entries(static_cast<size_t>(count));
     uint64_t maxKey = 0;
     for (Count i = 0; i < count; ++i) {
         const float* p = points + 3 * size_t(i);
-        const uint64_t ix = uint64_t((p[0] - xmin) / voxelSize);
-        const uint64_t iy = uint64_t((p[1] - ymin) / voxelSize);
-        const uint64_t iz = uint64_t((p[2] - zmin) / voxelSize);
+        const uint64_t ix = voxelIndex(p[0] - xmin, voxelSize);
+        const uint64_t iy = voxelIndex(p[1] - ymin, voxelSize);
+        const uint64_t iz = voxelIndex(p[2] - zmin, voxelSize);
         const uint64_t key = iz * layer + iy * nx + ix;
         entries[size_t(i)] = VoxelEntry{key, int64_t(i)};
         maxKey = std::max(maxKey, key);
@@ -102,7 +122,9 @@ void filterVoxels(const float* points, Count count, float voxelSize,
         centre[0] = (float(ix) + 0.5f) * voxelSize;
         centre[1] = (float(iy) + 0.5f) * voxelSize;
         centre[2] = (float(iz) + 0.5f) * voxelSize;
-        if (inVoxel > 0) markSelected(selection, winner);
+        // The first voxel can carry the starting key, and if no distance there compares (NaN),
+        // it has no winner to mark.
+        if (inVoxel > 0 && winner >= 0) markSelected(selection, winner);
         current = e.key;
         winner = e.position;
         winnerDistance = distanceSq(e.position);

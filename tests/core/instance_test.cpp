@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "core/fusion_instance.h"
@@ -64,6 +65,13 @@ TEST(Instance, StartsWithTheDefaultsAndRoundTripsEveryParameter) {
 TEST(Instance, EveryExportChecksTheHandleFirstThenItsPointersAndChangesNothingOnFailure) {
     auto trace = [](const KESTORFrameInfo*, const KESTORTrackInfo*, void*) {};
     EXPECT_EQ(KESTORCreateInstance(nullptr, kK, 8, 8, kDistances, kIterations, 1, 3, 0), 4);
+    // An image whose maps hold more values (or whose rows more bytes) than an int counts is
+    // refused, and the handle slot is left alone.
+    for (const auto& [w, ht] : {std::pair{70000, 70000}, {30000, 30000}, {1 << 28, 1}, {-70000, -70000}}) {
+        void* slot = &slot;
+        EXPECT_EQ(KESTORCreateInstance(&slot, kK, w, ht, kDistances, kIterations, 1, 3, 0), 4) << w;
+        EXPECT_EQ(slot, &slot);
+    }
     EXPECT_EQ(KESTORDestroyInstance(nullptr), 9);
     EXPECT_EQ(KESTORSetPara(nullptr, nullptr), 9);
     EXPECT_EQ(KESTORGetPara(nullptr, nullptr), 9);
@@ -161,6 +169,15 @@ TEST(Instance, FlagsTable) {
         }
         KESTORDestroyInstance(h);
     }
+}
+
+TEST(Instance, ImageBlocksOfAnOddSizeKeepTheirDepthPlaneAligned) {
+    // Colour without a mask on 3 x 3 pixels: 63 bytes a block.
+    void* h = create(3, 3, 1, KESTOR_FLAG_NO_MASK);
+    RGBDFusionImpl& f = impl(h);
+    EXPECT_EQ(f.imageBytes, 63u);
+    for (int k = 0; k < 4; ++k) EXPECT_EQ(reinterpret_cast<uintptr_t>(f.imagePool->take()) % 16, 0u) << k;
+    KESTORDestroyInstance(h);
 }
 
 TEST(Instance, NoLevelsMeanNoPyramidAndEmptyLists) {

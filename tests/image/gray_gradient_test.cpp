@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <vector>
 
 #include "image/filter_kernels.h"
@@ -100,6 +101,9 @@ TEST(CalcGrayAndGradient, BadArgumentsReturnFourAndWriteNothing) {
     EXPECT_EQ(KESTORCalcGrayAndGradient(c, g, x, nullptr, w, h, 1.0, false, false), 4);
     EXPECT_EQ(KESTORCalcGrayAndGradient(c, g, x, y, 0, h, 1.0, false, false), 4);
     EXPECT_EQ(KESTORCalcGrayAndGradient(c, g, x, y, w, -1, 1.0, false, false), 4);
+    // sigma sets the kernel's length: NaN, infinite or huge is refused, not converted to an int.
+    for (double sigma : {std::nan(""), HUGE_VAL, -HUGE_VAL, 1e300, 1000.5})
+        EXPECT_EQ(KESTORCalcGrayAndGradient(c, g, x, y, w, h, sigma, false, true), 4) << sigma;
     for (const auto* v : {&gray, &gx, &gy})
         EXPECT_TRUE(std::all_of(v->begin(), v->end(), [](float f) { return f == kSentinel; }));
 }

@@ -141,6 +141,12 @@ TEST(CalcPyramid, BadArgumentsReturnFourAndWriteNothing) {
     EXPECT_EQ(KESTORCalcPyramidVmapNmap(K, d, nullptr, nullptr, v, n, nullptr, nullptr, nullptr, w, 0, 1, false), 4);
     EXPECT_EQ(KESTORCalcPyramidVmapNmap(K, d, nullptr, nullptr, v, n, nullptr, nullptr, nullptr, w, h, 0, false), 4);
     EXPECT_TRUE(p.untouched(0, 0) && p.untouched(1, 0));
+    // Past 32 levels a level's size would be a shift beyond an int's bits (x86 takes a shift by 32
+    // as none, and level 32 came out full size).
+    std::vector<float> full(size_t(w * h * 3), kSentinel);
+    std::vector<float*> deep(33, full.data());
+    EXPECT_EQ(KESTORCalcPyramidVmapNmap(K, d, nullptr, nullptr, deep.data(), deep.data(), nullptr, nullptr, nullptr, w, h, 33, false), 4);
+    EXPECT_TRUE(std::all_of(full.begin(), full.end(), [](float x) { return x == kSentinel; }));
     // One level: the maps of the single-image export.
     ASSERT_EQ(p.run(in.K, in.frame, nullptr, false, false, false), 0);
     std::vector<float> vmap(size_t(w * h * 3)), nmap(vmap.size());

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <Eigen/Dense>
+#include <cmath>
+#include <limits>
 #include <random>
 #include <vector>
 
@@ -71,4 +73,12 @@ TEST(AbsoluteOrientation, DegenerateInputs) {
     std::vector<float> source(90), mirrored(90);
     for (size_t k = 0; k < source.size(); ++k) mirrored[k] = (k % 3 == 0 ? -1 : 1) * (source[k] = uni(rng));
     solveAndCheck(source, mirrored, 0);
+    // A NaN or infinite point leaves no eigenvectors to read: the result is NaN, not an abort.
+    for (const float bad : {std::nanf(""), std::numeric_limits<float>::infinity()}) {
+        std::vector<float> broken = points;
+        broken[4] = bad;
+        double rt[12] = {};
+        ASSERT_EQ(KESTORAbsoluteOrientation(points.data(), broken.data(), 5, rt), KESTOR_STATUS_OK);
+        for (double v : rt) EXPECT_TRUE(std::isnan(v)) << bad;
+    }
 }

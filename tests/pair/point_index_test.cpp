@@ -108,6 +108,13 @@ TEST(PointIndex, AgreesWithBruteForceOnEveryKindOfCloud) {
     clouds.push_back({"plane", plane, 1000});
     clouds.push_back({"line", line, 1000});
     clouds.push_back({"one point", std::vector<float>(300, 0.5f), 100});
+    // Cuts that are NaN (an infinite coordinate at each end) or overflow (two huge coordinates)
+    // must still split the range, or the build recurses without end.
+    const float inf = std::numeric_limits<float>::infinity();
+    auto infinite = randomPoints(rng, 300, -1, 1);
+    for (size_t i = 0; i < 300; i += 2) infinite[3 * i] = i % 4 == 0 ? inf : -inf;
+    clouds.push_back({"infinite", infinite, 300});
+    clouds.push_back({"huge", randomPoints(rng, 300, 3.0e38f, 3.4e38f), 300});
     auto queries = randomPoints(rng, 150, -1.6f, 1.6f);
     for (size_t i = 0; i < 30; ++i) queries[3 * i + 2] = 2.0f;  // some in the plane itself
     for (const Cloud& c : clouds) {
@@ -121,7 +128,8 @@ TEST(PointIndex, AgreesWithBruteForceOnEveryKindOfCloud) {
     for (int i = 1; i < 600; i += 3)
         EXPECT_EQ(index.nearestWithin(&withNaN[3 * size_t(i)], 1e-12f), i);
     // Identical points: split at the middle of the range, both halves non-empty.
-    PointIndex same(clouds.back().points.data(), 100, 10);
+    const std::vector<float> onePoint(300, 0.5f);
+    PointIndex same(onePoint.data(), 100, 10);
     const PointIndexNode* left = same.root()->child1;
     while (!left->isLeaf()) left = left->child2;
     EXPECT_EQ(left->leaf.right, 50);

@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdint>
 #include <iterator>
+#include <limits>
 #include <map>
 #include <random>
 #include <set>
@@ -85,10 +87,11 @@ TEST(VoxelFilter, LargeCloudMatchesTheBruteForceRuleInBothForms) {
     EXPECT_EQ(bytes, want);
 }
 
+// 2^30 points would be 3 * 2^30 floats, more than an int counts: refused before any read.
 TEST(VoxelFilter, BadArgumentsCallNothingAndAWrongSelectionIsLeftAlone) {
     const std::vector<float> points = {0.f, 0.f, 0.f, 5.f, 5.f, 5.f, 9.f, 9.f, 9.f};
     std::vector<int> kept = {-1};
-    for (const auto& [data, count] : std::vector<std::pair<const float*, int>>{{nullptr, 2}, {points.data(), 0}, {points.data(), -3}})
+    for (const auto& [data, count] : std::vector<std::pair<const float*, int>>{{nullptr, 2}, {points.data(), 0}, {points.data(), -3}, {points.data(), 1 << 30}})
         EXPECT_EQ(KESTORVoxelFilter(data, count, 1.0, collect, &kept), KESTOR_STATUS_BAD_ARGUMENT);
     EXPECT_EQ(kept, std::vector<int>({-1}));
     EXPECT_EQ(KESTORVoxelFilter(points.data(), 2, 1.0, nullptr, nullptr), KESTOR_STATUS_OK);
@@ -100,6 +103,39 @@ TEST(VoxelFilter, BadArgumentsCallNothingAndAWrongSelectionIsLeftAlone) {
     // A 3x1 view of the right size is filled through its columns.
     voxelFilter(points.data(), int32_t(3), 1.0f, wide);
     EXPECT_EQ(bytes, std::vector<unsigned char>({255, 255, 0, 9}));
+}
+
+TEST(VoxelFilter, NonFiniteInputsStayInsideTheSelection) {
+    const float nan = std::numeric_limits<float>::quiet_NaN(), inf = std::numeric_limits<float>::infinity();
+    struct Case { const char* name; std::vector<float> points; float size; };
+    const Case cases[] = {
+        {"NaN points", {nan, 0, 0, 1, 2, 3, 0, nan, 1, 4, 4, 4}, 0.5f},
+        {"extents past any int", {-3e38f, 0, 0, 3e38f, 1, 1, 0, -3e38f, 3e38f, 1, 1, 1}, 1e-3f},
+        // A negative size and a span of 1.5 voxels once gave a grid 0 voxels wide, and a division by 0.
+        {"negative voxel size", {0, 0, 0, 1.5f, 0, 0, 0.2f, 0, 0}, -1.0f},
+        {"zero and NaN voxel size", {0, 0, 0, 1, 1, 1, 2, 2, 2}, 0.0f},
+        // The first voxel carries the 32-bit form's starting key with only NaN distances in it: no
+        // winner, and once a write at position -1.
+        {"infinities", {inf, 2.61232114f, -inf, 9.9999461e-41f, nan, inf, inf, nan, nan, nan, nan, -0.0f,
+                        nan, -0.0f, nan, inf, -9.9999461e-41f, nan, inf, -1.08711219f, -inf, 2.62066388f, nan, nan,
+                        -inf, 2.62066388f, nan, inf, inf, nan, nan, nan, inf}, 0.992187593f},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const int count = int(c.points.size() / 3);
+        EXPECT_LT(runExport(c.points, c.size).size(), size_t(count));
+        // The selection sits between two guard bytes that must survive both forms.
+        for (int form = 0; form < 2; ++form) {
+            std::vector<unsigned char> bytes(size_t(count) + 2, 9);
+            ImageView<unsigned char> selection{bytes.data() + 1, 1, 1, count};
+            if (form == 0) voxelFilter(c.points.data(), int32_t(count), c.size, selection);
+            else voxelFilter(c.points.data(), int64_t(count), c.size, selection);
+            EXPECT_EQ(bytes.front(), 9);
+            EXPECT_EQ(bytes.back(), 9);
+            for (int i = 1; i <= count; ++i) EXPECT_TRUE(bytes[size_t(i)] == 0 || bytes[size_t(i)] == 255);
+        }
+    }
+    EXPECT_LT(runExport({0, 0, 0, 1, 1, 1}, std::nan("")).size(), 2u);
 }
 
 TEST(VoxelFilterCloud, NormalsFollowAndMisSizedIntensitiesAreCleared) {
