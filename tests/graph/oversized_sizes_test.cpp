@@ -30,8 +30,9 @@ TEST(PoseGraphExports, CountsWhoseProductsOverflowAreRefusedBeforeAnyWrite) {
         if (c.edges == 60000000) continue;
         EXPECT_EQ(KESTORFindInitRTsFromPairMatch(pairs.data(), transforms.data(), scores.data(),
                                                  c.edges, poses.data(), c.nodes, true), 1);
-        if (c.nodes == 3)
+        if (c.nodes == 3) {
             EXPECT_EQ(KESTORFindConnectedGroups(pairs.data(), c.edges, groups.data(), 3), 1);
+        }
     }
     EXPECT_EQ(poses, std::vector<double>(36, 7.0));
     EXPECT_EQ(weights, std::vector<double>(3, 7.0));

@@ -50,9 +50,10 @@ TEST(ImageExports, SizesWhoseProductsOverflowAreRefusedBeforeAnyWrite) {
         }
         EXPECT_EQ(KESTORCvtUVToPointFromDepth(K, in.data(), w, h, in.data(), out.data(), out2.data(),
                                               c.count, false), 4);
-        if (pointsOnly)
+        if (pointsOnly) {
             EXPECT_EQ(KESTORWritePoints("/nonexistent/oversized.ply", in.data(), nullptr, nullptr,
                                         c.count), 4);
+        }
         for (const auto* v : {&out, &out2, &out3})
             EXPECT_TRUE(std::all_of(v->begin(), v->end(), [](float x) { return x == kUntouched; }));
         EXPECT_TRUE(std::all_of(bytes.begin(), bytes.end(), [](uint8_t b) { return b == 7; }));

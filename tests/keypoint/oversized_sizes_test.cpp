@@ -28,9 +28,10 @@ TEST(KeyPointExports, CountsWhoseProductsOverflowAreRefusedBeforeAnyWrite) {
         SCOPED_TRACE(c.name);
         EXPECT_EQ(KESTORMatchDescriptor(v, c.target, v, matches.data(), distances.data(), c.source,
                                         c.dimension, true, false), 4);
-        if (c.dimension == 2)
+        if (c.dimension == 2) {
             EXPECT_EQ(KESTORAbsoluteOrientation(v, v, c.target > 4 ? c.target : c.source,
                                                 result.data()), 4);
+        }
         EXPECT_EQ(KESTORMatchKeyPointsRansac(v, v, v, c.target, v, v, v, c.source, c.dimension,
                                              result.data(), 50, 0.5, 0.1, true, false, count,
                                              &calls), 4);
