@@ -184,11 +184,17 @@ bool BlockCholesky::factorize(const Eigen::SparseMatrix<double>& hessian, double
             const auto tail = D.middleRows(kBlock * u.rowBegin, kBlock * tailRows);
             const auto head = D.middleRows(kBlock * u.rowBegin, kBlock * headRows);
             // Small products are cheaper coefficient by coefficient than through the blocked
-            // kernel, which prepares packed copies of both sides first.
-            if (tailRows * headRows * d.columnCount <= 64)
+            // kernel, which prepares packed copies of both sides first. Of the square part
+            // that lands on the diagonal only the lower triangle is needed.
+            if (tailRows * headRows * d.columnCount <= 64) {
                 update.noalias() = tail.lazyProduct(head.transpose());
-            else
-                update.noalias() = tail * head.transpose();
+            } else {
+                const int h = kBlock * headRows, t = kBlock * tailRows;
+                update.resize(t, h);
+                update.topRows(h).setZero();
+                update.topRows(h).selfadjointView<Eigen::Lower>().rankUpdate(head);
+                if (t > h) update.bottomRows(t - h).noalias() = tail.bottomRows(t - h) * head.transpose();
+            }
             const int* dRows = rows_.data() + d.rowStart + u.rowBegin;
             for (int bj = 0; bj < headRows; ++bj) {
                 const int column = kBlock * (dRows[bj] - s.firstColumn);
