@@ -34,7 +34,7 @@ void BM_KestorPointToPlane(benchmark::State& state) {
         const kestor::PointIndex index(p.target.points.data(), p.target.count(), 10);
         kestor::matchPointToPlane(index, p.target.normals.data(), p.source.points.data(),
                                   p.source.normals.data(), p.source.count(), kestor::poseView(pose),
-                                  30, p.maxDistance, 1.57, 0.3, false, {});
+                                  30, p.maxDistance, 1.57, 0.3, false, {}, true);
     }
     report(state, pose);
 }
@@ -52,7 +52,7 @@ void BM_KestorColored(benchmark::State& state) {
                                    gradients.data(), p.source.points.data(),
                                    p.source.normals.data(), p.source.intensities.data(),
                                    p.source.count(), kestor::poseView(pose), 30, p.maxDistance,
-                                   1.57, 0.3, 0.3, false, {});
+                                   1.57, 0.3, 0.3, false, {}, true);
     }
     report(state, pose);
 }

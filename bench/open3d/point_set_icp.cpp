@@ -1,9 +1,12 @@
 // Open3D's point-to-plane and coloured ICP, 30 iterations, on the clouds and start of
-// bench_point_set_registration (the checksum counter must agree). Open3D rebuilds its target
-// tree and, for the coloured form, the colour gradient on every call, as kestor does.
+// bench_point_set_registration (the checksum counter must agree), side by side with kestor's
+// matchers through KESTORMatchPair (no camera, parallel), so that one run gives the ratio. Both
+// rebuild the target tree and, for the coloured form, the colour gradient on every call.
 #include <benchmark/benchmark.h>
 
 #include <open3d/Open3D.h>
+
+#include "kestor.h"
 
 #include "../surface_cloud.h"
 
@@ -75,8 +78,33 @@ void BM_Open3DColored(benchmark::State& state) {
     report(state, result.transformation_);
 }
 
+// kestor through its export, minScore 0.3, maxAngle 1.57 and colour weight 0.3 as in
+// bench_point_set_registration.
+void runKestor(benchmark::State& state, bool colored) {
+    const bench_data::Problem& p = problem();
+    const int sizes[2] = {p.target.count(), p.source.count()};
+    double rt[12];
+    for (auto _ : state) {
+        std::copy(p.start.m, p.start.m + 12, rt);
+        KESTORMatchPair(p.target.points.data(), p.target.normals.data(),
+                        colored ? p.target.intensities.data() : nullptr, p.source.points.data(),
+                        p.source.normals.data(), colored ? p.source.intensities.data() : nullptr,
+                        sizes, nullptr, rt, nullptr, 30, p.maxDistance, 1.57, 0.3, 0.3, true,
+                        false, nullptr, nullptr);
+    }
+    Eigen::Matrix4d T = Eigen::Matrix4d::Identity();
+    for (int r = 0; r < 3; ++r)
+        for (int c = 0; c < 4; ++c) T(r, c) = rt[4 * r + c];
+    report(state, T);
+}
+
+void BM_KestorPointToPlane(benchmark::State& state) { runKestor(state, false); }
+void BM_KestorColored(benchmark::State& state) { runKestor(state, true); }
+
 BENCHMARK(BM_Open3DPointToPlane)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_KestorPointToPlane)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_Open3DColored)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_KestorColored)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace
 

@@ -1,7 +1,7 @@
 #include "graph/pose_graph.h"
 
 #include <Eigen/Dense>
-#include <Eigen/SparseCholesky>
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <utility>
@@ -9,6 +9,7 @@
 
 #include "core/log.h"
 #include "core/parallel_for.h"
+#include "graph/block_cholesky.h"
 #include "graph/edge_model.h"
 
 namespace kestor {
@@ -62,22 +63,19 @@ double sumOf(const std::vector<double>& values) {
     return sum;
 }
 
-// A = hessian + damping * diag(hessian), solved by a sparse LDLT analysed afresh; a system the
-// sparse factorisation cannot take (an unreached pose leaves an empty row) goes to a dense LDLT.
-void solveDamped(const SparseMatrix& hessian, const SparseMatrix& hessianDiagonal, double damping,
+// A = hessian + damping * diag(hessian), solved by the supernodal block factorisation of the
+// graph's pattern; a system it cannot take (an unreached pose leaves an empty row) goes to a
+// dense LDLT.
+void solveDamped(BlockCholesky& sparse, const SparseMatrix& hessian,
+                 const SparseMatrix& hessianDiagonal, double damping,
                  const Eigen::VectorXd& gradient, Eigen::VectorXd& step) {
+    if (sparse.factorize(hessian, damping)) {
+        sparse.solve(gradient, step);
+        return;
+    }
     const SparseMatrix A = hessian + damping * hessianDiagonal;
-    Eigen::SimplicialLDLT<SparseMatrix> sparse;
-    sparse.compute(A);
-    bool solved = sparse.info() == Eigen::Success;
-    if (solved) {
-        step = sparse.solve(gradient);
-        solved = sparse.info() == Eigen::Success;
-    }
-    if (!solved) {
-        const Eigen::MatrixXd dense(A);
-        step = dense.ldlt().solve(gradient);
-    }
+    const Eigen::MatrixXd dense(A);
+    step = dense.ldlt().solve(gradient);
 }
 
 // The state of one run: poses at the linearisation point and on trial, the fixed per-edge
@@ -95,6 +93,31 @@ struct Solver {
     EdgeLoopData data;
     Eigen::VectorXd gradient;
     SparseMatrix hessian, hessianDiagonal;
+    BlockCholesky factorization;
+
+    // Where each triplet lands among the values of `hessian`: the triplets keep their rows and
+    // columns for the whole run, so after the first build the matrix keeps its structure.
+    std::vector<int> tripletSlots;
+
+    // hessian from the triplets, duplicates summed in triplet order as setFromTriplets sums
+    // them, so that both ways give the same bits.
+    void assembleHessian() {
+        if (tripletSlots.empty()) {
+            hessian.setFromTriplets(triplets.begin(), triplets.end());
+            tripletSlots.resize(triplets.size());
+            const int* outer = hessian.outerIndexPtr();
+            const int* inner = hessian.innerIndexPtr();
+            for (size_t k = 0; k < triplets.size(); ++k) {
+                const int column = int(triplets[k].col());
+                tripletSlots[k] = int(std::lower_bound(inner + outer[column], inner + outer[column + 1],
+                                                       int(triplets[k].row())) - inner);
+            }
+            return;
+        }
+        double* values = hessian.valuePtr();
+        std::fill(values, values + hessian.nonZeros(), 0.0);
+        for (size_t k = 0; k < triplets.size(); ++k) values[tripletSlots[k]] += triplets[k].value();
+    }
 
     // Weights, costs, triplets and gradient at the current poses; returns the residual, the
     // square root of the summed costs.
@@ -115,7 +138,7 @@ struct Solver {
     }
 
     void assemble() {
-        hessian.setFromTriplets(triplets.begin(), triplets.end());
+        assembleHessian();
         hessianDiagonal.diagonal() = hessian.diagonal();
         gradient = gradientParts[0];
         for (size_t s = 1; s < gradientParts.size(); ++s) gradient += gradientParts[s];
@@ -183,6 +206,12 @@ bool optimizePoseGraph(const NodePair* edgePairs, const RT_<double>* edgeTransfo
     d.triplets = s.triplets.data();
     d.gradientParts = s.gradientParts.data();
 
+    // The pattern of the system is that of the active edges for the whole run.
+    std::vector<NodePair> activePairs;
+    for (int e = 0; e < edgeCount; ++e)
+        if (edgeIsActive(d, e)) activePairs.push_back(edgePairs[e]);
+    s.factorization.analyze(poseCount, activePairs);
+
     double damping = 1e-6;
     int32_t growth = 2;
     bool converged = false;
@@ -194,7 +223,7 @@ bool optimizePoseGraph(const NodePair* edgePairs, const RT_<double>* edgeTransfo
         if (stopRequested(progress, int(int64_t(100) * k / maxIterations))) return false;
         if (converged) break;
 
-        solveDamped(s.hessian, s.hessianDiagonal, damping, s.gradient, step);
+        solveDamped(s.factorization, s.hessian, s.hessianDiagonal, damping, s.gradient, step);
         const double predicted = std::sqrt(
             (s.gradient - damping * (s.hessianDiagonal * step)).dot(step));
         if (std::isnan(predicted)) return false;

@@ -90,10 +90,11 @@ bool matchPairPoints(const float* points1, const float* normals1, const float* g
                           o.parallel);
         solved = matchColoredPoints(index, normals1, gray1, gradients.data(), points2, normals2,
                                     gray2, count2, pose, o.iterations, o.maxDistance, o.maxAngle,
-                                    o.minScore, o.colorWeight, o.log, o.progress);
+                                    o.minScore, o.colorWeight, o.log, o.progress, o.parallel);
     } else {
         solved = matchPointToPlane(index, normals1, points2, normals2, count2, pose, o.iterations,
-                                   o.maxDistance, o.maxAngle, o.minScore, o.log, o.progress);
+                                   o.maxDistance, o.maxAngle, o.minScore, o.log, o.progress,
+                                   o.parallel);
     }
     if (!solved || info.data == nullptr) return solved;
     return calcPointMatchScore(index, normals1, points2, normals2, count2, poseToFloat(pose), info,

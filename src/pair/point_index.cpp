@@ -1,10 +1,34 @@
 #include "pair/point_index.h"
 
+#include <immintrin.h>
+
 #include <algorithm>
 #include <cmath>
 #include <utility>
 
 namespace kestor {
+
+namespace {
+
+constexpr int kLanes = 8;
+
+// All bits set in lanes [0, count).
+inline __m256 firstLanes(int count) {
+    const __m256i lane = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
+    return _mm256_castsi256_ps(_mm256_cmpgt_epi32(_mm256_set1_epi32(count), lane));
+}
+
+// (dx*dx + dy*dy) + dz*dz of eight points from q, with the same roundings as one point at a
+// time (products and sums are separate instructions).
+inline __m256 distancesSq(const float* xs, const float* ys, const float* zs, const float* q) {
+    const __m256 dx = _mm256_sub_ps(_mm256_set1_ps(q[0]), _mm256_loadu_ps(xs));
+    const __m256 dy = _mm256_sub_ps(_mm256_set1_ps(q[1]), _mm256_loadu_ps(ys));
+    const __m256 dz = _mm256_sub_ps(_mm256_set1_ps(q[2]), _mm256_loadu_ps(zs));
+    return _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(dx, dx), _mm256_mul_ps(dy, dy)),
+                         _mm256_mul_ps(dz, dz));
+}
+
+}  // namespace
 
 PointIndex::PointIndex(const float* points, int64_t count, int leafSize)
     : points_(points), count_(uint64_t(count)), leafSize_(leafSize) {
@@ -21,6 +45,20 @@ PointIndex::PointIndex(const float* points, int64_t count, int leafSize)
     if (kept == 0) return;
     boundingBox(0, kept, box_);
     root_ = divide(0, kept, box_);
+    copyLeafCoordinates();
+}
+
+void PointIndex::copyLeafCoordinates() {
+    const size_t kept = indices_.size();
+    // A leaf scan reads whole vectors from its first point on, so each run has a vector of slack.
+    axisStride_ = (kept + 2 * kLanes - 1) / kLanes * kLanes;
+    leafCoordinates_.assign(3 * axisStride_, 0.0f);
+    for (size_t i = 0; i < kept; ++i) {
+        const float* p = points_ + 3 * size_t(indices_[i]);
+        leafCoordinates_[i] = p[0];
+        leafCoordinates_[axisStride_ + i] = p[1];
+        leafCoordinates_[2 * axisStride_ + i] = p[2];
+    }
 }
 
 PointIndex::~PointIndex() { releaseIndexTree(root_); }
@@ -141,19 +179,67 @@ int PointIndex::nearestWithin(const float* q, float radiusSq) const {
     float axisDistances[3];
     const float start = boxDistanceSq(q, axisDistances);
     if (start > radiusSq || root_ == nullptr) return -1;
-    // The bound stays at the radius, so every leaf within it is visited.
+    // The answer is that of a walk whose bound stays at the radius: the nearest point below it,
+    // the first one reached on a tie. Such a walk visits every leaf within the radius; this one
+    // also skips far children that cannot hold a point closer than the best so far. The
+    // incremental box distance is rounded differently from a point's distance, by far less
+    // than the margin, so a skipped child never holds a point that would have won.
+    const float margin = radiusSq * 1e-3f;
     float best = radiusSq;
     int position = -1;
-    query(
-        root_, q, axisDistances, start,
-        [&](int i, float distanceSq) {
-            if (best > distanceSq) {
-                best = distanceSq;
-                position = i;
-            }
-        },
-        [radiusSq] { return radiusSq; });
+    nearestIn(root_, q, axisDistances, start, radiusSq, margin, best, position);
     return position;
+}
+
+void PointIndex::nearestIn(const PointIndexNode* node, const float* q, float* axisDistances,
+                           float minDistanceSq, float radiusSq, float margin, float& best,
+                           int& position) const {
+    if (node->isLeaf()) {
+        const int left = node->leaf.left, count = node->leaf.right - left;
+        const float* xs = leafCoordinates_.data() + left;
+        for (int i = 0; i < count; i += kLanes) {
+            const __m256 d = distancesSq(xs + i, xs + axisStride_ + i, xs + 2 * axisStride_ + i, q);
+            const __m256 closer = _mm256_cmp_ps(_mm256_set1_ps(best), d, _CMP_GT_OQ);
+            unsigned mask = unsigned(_mm256_movemask_ps(_mm256_and_ps(closer, firstLanes(count - i))));
+            if (mask == 0) continue;
+            alignas(32) float ds[kLanes];
+            _mm256_store_ps(ds, d);
+            // In point order, so that the first of equal distances stays.
+            for (; mask != 0; mask &= mask - 1) {
+                const int k = __builtin_ctz(mask);
+                if (best > ds[k]) {
+                    best = ds[k];
+                    position = indices_[size_t(left + i + k)];
+                }
+            }
+        }
+        return;
+    }
+    const int axis = node->division.divisionAxis;
+    const float v = q[axis];
+    const PointIndexNode* nearChild;
+    const PointIndexNode* farChild;
+    float cut;
+    if ((node->division.divisionLow + node->division.divisionHigh) * 0.5f > v) {
+        nearChild = node->child1;
+        farChild = node->child2;
+        cut = v - node->division.divisionHigh;
+    } else {
+        nearChild = node->child2;
+        farChild = node->child1;
+        cut = v - node->division.divisionLow;
+    }
+    nearestIn(nearChild, q, axisDistances, minDistanceSq, radiusSq, margin, best, position);
+    const float old = axisDistances[axis];
+    const float cutSq = cut * cut;
+    const float farDistanceSq = minDistanceSq + cutSq - old;
+    float bound = radiusSq;
+    if (best + margin < bound) bound = best + margin;
+    if (bound >= farDistanceSq) {
+        axisDistances[axis] = cutSq;
+        nearestIn(farChild, q, axisDistances, farDistanceSq, radiusSq, margin, best, position);
+        axisDistances[axis] = old;
+    }
 }
 
 void PointIndex::allWithin(const float* q, float radiusSq, std::vector<int>& outPositions,
@@ -161,13 +247,53 @@ void PointIndex::allWithin(const float* q, float radiusSq, std::vector<int>& out
     float axisDistances[3];
     const float start = boxDistanceSq(q, axisDistances);
     if (start > radiusSq || root_ == nullptr) return;
-    query(
-        root_, q, axisDistances, start,
-        [&](int i, float distanceSq) {
-            outPositions.push_back(i);
-            outDistancesSq.push_back(distanceSq);
-        },
-        [radiusSq] { return radiusSq; });
+    allIn(root_, q, axisDistances, start, radiusSq, outPositions, outDistancesSq);
+}
+
+void PointIndex::allIn(const PointIndexNode* node, const float* q, float* axisDistances,
+                       float minDistanceSq, float radiusSq, std::vector<int>& outPositions,
+                       std::vector<float>& outDistancesSq) const {
+    if (node->isLeaf()) {
+        const int left = node->leaf.left, count = node->leaf.right - left;
+        const float* xs = leafCoordinates_.data() + left;
+        for (int i = 0; i < count; i += kLanes) {
+            const __m256 d = distancesSq(xs + i, xs + axisStride_ + i, xs + 2 * axisStride_ + i, q);
+            const __m256 within = _mm256_cmp_ps(_mm256_set1_ps(radiusSq), d, _CMP_GT_OQ);
+            unsigned mask = unsigned(_mm256_movemask_ps(_mm256_and_ps(within, firstLanes(count - i))));
+            if (mask == 0) continue;
+            alignas(32) float ds[kLanes];
+            _mm256_store_ps(ds, d);
+            for (; mask != 0; mask &= mask - 1) {
+                const int k = __builtin_ctz(mask);
+                outPositions.push_back(indices_[size_t(left + i + k)]);
+                outDistancesSq.push_back(ds[k]);
+            }
+        }
+        return;
+    }
+    const int axis = node->division.divisionAxis;
+    const float v = q[axis];
+    const PointIndexNode* nearChild;
+    const PointIndexNode* farChild;
+    float cut;
+    if ((node->division.divisionLow + node->division.divisionHigh) * 0.5f > v) {
+        nearChild = node->child1;
+        farChild = node->child2;
+        cut = v - node->division.divisionHigh;
+    } else {
+        nearChild = node->child2;
+        farChild = node->child1;
+        cut = v - node->division.divisionLow;
+    }
+    allIn(nearChild, q, axisDistances, minDistanceSq, radiusSq, outPositions, outDistancesSq);
+    const float old = axisDistances[axis];
+    const float cutSq = cut * cut;
+    const float farDistanceSq = minDistanceSq + cutSq - old;
+    if (radiusSq >= farDistanceSq) {
+        axisDistances[axis] = cutSq;
+        allIn(farChild, q, axisDistances, farDistanceSq, radiusSq, outPositions, outDistancesSq);
+        axisDistances[axis] = old;
+    }
 }
 
 }  // namespace kestor

@@ -46,6 +46,15 @@ public:
     const std::vector<int32_t>& indices() const { return indices_; }
 
 private:
+    // The fast walks behind the two adapters. They visit the tree as query() does and read the
+    // coordinates from the leaf copies below.
+    void nearestIn(const PointIndexNode* node, const float* q, float* axisDistances,
+                   float minDistanceSq, float radiusSq, float margin, float& best,
+                   int& position) const;
+    void allIn(const PointIndexNode* node, const float* q, float* axisDistances,
+               float minDistanceSq, float radiusSq, std::vector<int>& outPositions,
+               std::vector<float>& outDistancesSq) const;
+    void copyLeafCoordinates();
     PointIndexNode* divide(int left, int right, float* box);
     void split(int left, int right, float* box, int& axis, float& cut, int& middle);
     void boundingBox(int left, int right, float* box) const;
@@ -57,6 +66,11 @@ private:
     float box_[6] = {0, 0, 0, 0, 0, 0};  // xmin, xmax, ymin, ymax, zmin, zmax
     int leafSize_;
     std::vector<int32_t> indices_;
+    // The indexed coordinates again, in the order of indices_ and split by axis (all x, then all
+    // y, then all z, each run padded to a whole vector), so that a leaf's points are contiguous
+    // and a leaf is scanned eight points at a time.
+    std::vector<float> leafCoordinates_;
+    size_t axisStride_ = 0;
 };
 
 template <typename Add, typename Bound>

@@ -1,5 +1,7 @@
 #pragma once
 // Small float geometry shared by the point-set linearisations and trial errors.
+#include <immintrin.h>
+
 #include <cmath>
 
 #include "core/rigid_transform.h"
@@ -58,18 +60,27 @@ inline float photometricResidual(const float* moved, float rg, const float* q, c
 void clearLinearization(PointLinearization& out);
 
 // Adds one residual with its target-side and source-side rows to the upper triangles and the
-// gradients, products in double.
+// gradients, products in double. Each product of two floats is exact in double, so a fused
+// multiply-add rounds as a product and a sum did; whole rows are summed four entries at a time,
+// and the lower triangles, summed along, are replaced by the mirror of the upper ones at the end.
 inline void addResidualRows(PointLinearization& out, const float* jt, const float* js, float r) {
+    const __m256d t03 = _mm256_cvtps_pd(_mm_loadu_ps(jt));
+    const __m256d s03 = _mm256_cvtps_pd(_mm_loadu_ps(js));
+    const __m128d t45 = _mm_setr_pd(double(jt[4]), double(jt[5]));
+    const __m128d s45 = _mm_setr_pd(double(js[4]), double(js[5]));
+    const auto addRow = [](double* row, __m256d f, __m256d lo, __m128d hi) {
+        _mm256_storeu_pd(row, _mm256_fmadd_pd(f, lo, _mm256_loadu_pd(row)));
+        _mm_storeu_pd(row + 4, _mm_fmadd_pd(_mm256_castpd256_pd128(f), hi, _mm_loadu_pd(row + 4)));
+    };
     for (int i = 0; i < 6; ++i) {
-        const double ti = jt[i], si = js[i];
-        for (int j = i; j < 6; ++j) {
-            out.hessianTT[i * 6 + j] += ti * double(jt[j]);
-            out.hessianTS[i * 6 + j] += ti * double(js[j]);
-            out.hessianSS[i * 6 + j] += si * double(js[j]);
-        }
-        out.gradientT[i] += double(r) * ti;
-        out.gradientS[i] += double(r) * si;
+        const __m256d ti = _mm256_set1_pd(double(jt[i])), si = _mm256_set1_pd(double(js[i]));
+        addRow(out.hessianTT + 6 * i, ti, t03, t45);
+        addRow(out.hessianTS + 6 * i, ti, s03, s45);
+        addRow(out.hessianSS + 6 * i, si, s03, s45);
     }
+    const __m256d rr = _mm256_set1_pd(double(r));
+    addRow(out.gradientT, rr, t03, t45);
+    addRow(out.gradientS, rr, s03, s45);
 }
 
 // Completes the three blocks from their upper triangles.

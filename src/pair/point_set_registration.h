@@ -26,6 +26,15 @@ struct PointLinearization {
     std::vector<int32_t> correspondences;
 };
 
+// One source point's two residuals with their target-side and source-side rows, formed by the
+// correspondence pass (on several threads when allowed) and summed in point order afterwards, so
+// that the sums do not depend on the thread count. A matcher keeps one array for its whole run.
+struct ResidualRows {
+    float r[2];
+    float jt[2][6];
+    float js[2][6];
+};
+
 // Per-source-point robust weights of the coloured matcher's last linearisation, which its trial
 // error reuses.
 struct ColoredWeights {
@@ -41,10 +50,13 @@ bool matchPointToPoint(const PointIndex& index, const float* sourcePoints, int s
                        const ImageView<double>& pose, int iterations, double maxDistance,
                        double minScore, bool log, const ProgressFunc& progress);
 
+// `parallel` lets the correspondence search of the plane and coloured matchers run on the OpenMP
+// team; the sums stay in point order, so both forms give the same bits.
 bool matchPointToPlane(const PointIndex& index, const float* targetNormals,
                        const float* sourcePoints, const float* sourceNormals, int sourceCount,
                        const ImageView<double>& pose, int iterations, double maxDistance,
-                       double maxAngle, double minScore, bool log, const ProgressFunc& progress);
+                       double maxAngle, double minScore, bool log, const ProgressFunc& progress,
+                       bool parallel = false);
 
 // colorWeight in [0, 1] balances the geometric term (0) against the photometric one (1).
 bool matchColoredPoints(const PointIndex& index, const float* targetNormals,
@@ -53,7 +65,7 @@ bool matchColoredPoints(const PointIndex& index, const float* targetNormals,
                         const float* sourceIntensities, int sourceCount,
                         const ImageView<double>& pose, int iterations, double maxDistance,
                         double maxAngle, double minScore, double colorWeight, bool log,
-                        const ProgressFunc& progress);
+                        const ProgressFunc& progress, bool parallel = false);
 
 // Intensity gradient of each indexed point in its tangent plane, from its neighbours within
 // `radius` (the pair family passes 2 * maxDistance). `parallel` picks the loop runner.
@@ -62,21 +74,24 @@ void calcPointGradient(const PointIndex& index, const float* targetNormals,
                        bool parallel);
 
 // Linearisations at `pose`: fill the normal equations and correspondences, return the sum of
-// squared residuals. Target points are the index's array.
+// squared residuals. Target points are the index's array. `rows` is scratch of at least
+// sourceCount entries (null: one is made for the call); `parallel` as for the matchers.
 double linearizePointToPoint(const PointIndex& index, const float* sourcePoints, int sourceCount,
                              const RT_<float>& pose, double maxDistance, PointLinearization& out);
 
 double linearizePointToPlane(const PointIndex& index, const float* targetNormals,
                              const float* sourcePoints, const float* sourceNormals,
                              int sourceCount, const RT_<float>& pose, double maxDistance,
-                             double maxAngle, PointLinearization& out);
+                             double maxAngle, PointLinearization& out, bool parallel = false,
+                             std::vector<ResidualRows>* rows = nullptr);
 
 double linearizeColoredPoints(const PointIndex& index, const float* targetNormals,
                               const float* targetIntensities, const float* targetGradients,
                               const float* sourcePoints, const float* sourceNormals,
                               const float* sourceIntensities, int sourceCount,
                               const RT_<float>& pose, double maxDistance, double maxAngle,
-                              double colorWeight, PointLinearization& out, ColoredWeights& weights);
+                              double colorWeight, PointLinearization& out, ColoredWeights& weights,
+                              bool parallel = false, std::vector<ResidualRows>* rows = nullptr);
 
 // Trial errors of a candidate pose over fixed correspondences; entries outside
 // [0, targetCount) are skipped.

@@ -29,8 +29,27 @@ std::vector<int> bruteAll(const std::vector<float>& points, const float* q, floa
     return out;
 }
 
-// The index against the scan for a batch of queries. Ties may pick either point, so the nearest
-// is compared by distance.
+// The plain walk with the radius as its constant bound: the reference order of visits, and the
+// nearest as the first point reached at the smallest distance.
+void referenceWalk(const PointIndex& index, const float* q, float radiusSq, int& nearest,
+                   std::vector<int>& all) {
+    nearest = -1;
+    all.clear();
+    float axis[3];
+    const float start = index.boxDistanceSq(q, axis);
+    if (start > radiusSq || index.root() == nullptr) return;
+    float best = radiusSq;
+    index.query(
+        index.root(), q, axis, start,
+        [&](int i, float d) {
+            all.push_back(i);
+            if (best > d) best = d, nearest = i;
+        },
+        [radiusSq] { return radiusSq; });
+}
+
+// The index against the scan for a batch of queries, and against the reference walk position
+// by position, ties included.
 void expectAgreement(const std::vector<float>& points, const std::vector<float>& queries,
                      float radiusSq) {
     PointIndex index(points.data(), int64_t(points.size() / 3), 10);
@@ -44,9 +63,14 @@ void expectAgreement(const std::vector<float>& points, const std::vector<float>&
         if (found >= 0) {
             EXPECT_EQ(distanceSq(q, &points[3 * size_t(found)]), best);
         }
+        int walkNearest;
+        std::vector<int> walkAll;
+        referenceWalk(index, q, radiusSq, walkNearest, walkAll);
+        EXPECT_EQ(found, walkNearest) << "query " << k;
         std::vector<int> positions;
         std::vector<float> distances;
         index.allWithin(q, radiusSq, positions, distances);
+        EXPECT_EQ(positions, walkAll) << "query " << k;
         ASSERT_EQ(positions.size(), distances.size());
         for (size_t i = 0; i < positions.size(); ++i)
             EXPECT_EQ(distances[i], distanceSq(q, &points[3 * size_t(positions[i])]));
@@ -117,6 +141,10 @@ TEST(PointIndex, AgreesWithBruteForceOnEveryKindOfCloud) {
     clouds.push_back({"huge", randomPoints(rng, 300, 3.0e38f, 3.4e38f), 300});
     auto queries = randomPoints(rng, 150, -1.6f, 1.6f);
     for (size_t i = 0; i < 30; ++i) queries[3 * i + 2] = 2.0f;  // some in the plane itself
+    // Half-way between grid cells: equal distances to distinct points.
+    std::uniform_int_distribution<int> halfCell(0, 8);
+    for (int i = 0; i < 40; ++i)
+        queries.insert(queries.end(), {0.125f * float(halfCell(rng)), 0.125f * float(halfCell(rng)), 0.0f});
     for (const Cloud& c : clouds) {
         SCOPED_TRACE(testing::Message() << c.name << " " << c.points.size() / 3);
         for (float r : {0.05f, 0.2f, 1.0f, 5.0f}) expectAgreement(c.points, queries, r * r);

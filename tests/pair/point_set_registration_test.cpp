@@ -36,7 +36,7 @@ struct RegistrationCase {
 
     // Through the pair entry without a camera, which picks the matcher by the arrays given.
     int run(Matcher m, std::vector<double>& pose, int iterations = 30, double minScore = 0.3,
-            ProgressFunc progress = {}, double* info = nullptr) const {
+            ProgressFunc progress = {}, double* info = nullptr, bool parallel = true) const {
         const auto pick = [](bool on, const std::vector<float>& x) { return on ? x.data() : nullptr; };
         const SampledSurface &t = target, &s = source;
         const int sizes[2] = {t.count(), s.count()};
@@ -44,7 +44,7 @@ struct RegistrationCase {
         return KESTORMatchPair(t.points.data(), pick(m != ToPoint, t.normals), pick(m == Colored, t.intensities),
                                s.points.data(), pick(m != ToPoint, s.normals), pick(m == Colored, s.intensities),
                                sizes, nullptr, pose.data(), info, iterations, maxDistance, 1.0,
-                               minScore, 0.3, true, false, progress ? +relay : nullptr, &progress);
+                               minScore, 0.3, parallel, false, progress ? +relay : nullptr, &progress);
     }
 
     void linearize(Matcher m, const RT_<float>& pose, PointLinearization& lin, ColoredWeights& w,
@@ -112,6 +112,20 @@ TEST(PointSetRegistration, RecoversAKnownMotionFromRotatedStarts) {
     ASSERT_EQ(c.run(ToPoint, pose), 0);
     EXPECT_LT(angleTo(pose, c.truth), rotationError(starts[1], c.truth) / 4);
     EXPECT_LT(shiftTo(pose, c.truth), 0.006);
+}
+
+// The correspondence search may run on the team, the sums never do: both forms end on the same
+// bits, from a start with a few steps to go.
+TEST(PointSetRegistration, SerialAndParallelFormsAgreeExactly) {
+    const RegistrationCase& c = surfaceCase();
+    for (Matcher m : {ToPlane, Colored}) {
+        std::vector<double> serial = (kNudge * c.truth).matrix(), parallel = serial;
+        std::vector<double> serialInfo(36), parallelInfo(36);
+        ASSERT_EQ(c.run(m, serial, 5, 0.3, {}, serialInfo.data(), false), 0);
+        ASSERT_EQ(c.run(m, parallel, 5, 0.3, {}, parallelInfo.data(), true), 0);
+        EXPECT_EQ(serial, parallel) << m;
+        EXPECT_EQ(serialInfo, parallelInfo) << m;
+    }
 }
 
 // The loop solves for both sides' corrections, which leaves a gauge: B T A = T whenever
