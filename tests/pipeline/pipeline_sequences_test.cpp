@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <string>
 
-#include "pipeline/pipeline_harness.h"
+#include "support/engine_harness.h"
 
 using namespace kestor_test;
 
