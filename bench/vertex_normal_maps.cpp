@@ -1,11 +1,14 @@
 // KESTORDepthToVmapNmap at 640x480 on a real frame, against a plain copy of the same number of
-// bytes (depth in, vertex and normal maps out): the memory-bandwidth floor of the job.
+// bytes (depth in, vertex and normal maps out): the memory-bandwidth floor of the job. The two
+// halves are timed alone as well. Run with OMP_NUM_THREADS=1: the kernels are serial anyway.
+// bench/open3d/vertex_normal_maps.cpp has Open3D's tensor maps beside the export.
 #include <benchmark/benchmark.h>
 
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "image/vertex_normal_maps.h"
 #include "io/png_image.h"
 #include "kestor.h"
 
@@ -27,6 +30,12 @@ const RealFrame& frame() {
 
 constexpr size_t kBytesPerPixel = 4 + 12 + 12;
 
+void countPixels(benchmark::State& state) {
+    state.counters["ns_per_pixel"] = benchmark::Counter(
+        double(frame().depth.size()),
+        benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+}
+
 void BM_DepthToVmapNmap(benchmark::State& state) {
     const RealFrame& f = frame();
     const double K[9] = {525.0, 0, 319.5, 0, 525.0, 239.5, 0, 0, 1};
@@ -37,6 +46,7 @@ void BM_DepthToVmapNmap(benchmark::State& state) {
         benchmark::DoNotOptimize(nmap.data());
     }
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(f.depth.size() * kBytesPerPixel));
+    countPixels(state);
 }
 BENCHMARK(BM_DepthToVmapNmap)->Unit(benchmark::kMillisecond);
 
@@ -49,8 +59,23 @@ void BM_DepthToVmapOnly(benchmark::State& state) {
         KESTORDepthToVmapNmap(K, f.depth.data(), nullptr, vmap.data(), nullptr, f.width, f.height);
         benchmark::DoNotOptimize(vmap.data());
     }
+    countPixels(state);
 }
 BENCHMARK(BM_DepthToVmapOnly)->Unit(benchmark::kMillisecond);
+
+void BM_VmapToNmapOnly(benchmark::State& state) {
+    const RealFrame& f = frame();
+    const double K[9] = {525.0, 0, 319.5, 0, 525.0, 239.5, 0, 0, 1};
+    std::vector<kestor::Float3> vmap(f.depth.size()), nmap(f.depth.size());
+    KESTORDepthToVmapNmap(K, f.depth.data(), nullptr, &vmap[0].x, nullptr, f.width, f.height);
+    for (auto _ : state) {
+        kestor::vmapToNmap(kestor::constView(kestor::packedView(vmap.data(), f.width, f.height)),
+                           kestor::packedView(nmap.data(), f.width, f.height));
+        benchmark::DoNotOptimize(nmap.data());
+    }
+    countPixels(state);
+}
+BENCHMARK(BM_VmapToNmapOnly)->Unit(benchmark::kMillisecond);
 
 void BM_CopySameBytes(benchmark::State& state) {
     const size_t bytes = frame().depth.size() * kBytesPerPixel;

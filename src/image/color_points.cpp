@@ -18,8 +18,7 @@ void gatherColoredPoints(const Intrinsics& k, const ImageView<const float>& dept
     AlignedImage nmapBlock(width, height, int(sizeof(Float3)));
     const auto vmap = vmapBlock.view<Float3>();
     const auto nmap = nmapBlock.view<Float3>();
-    depthToVmap(k, depth, mask, vmap);
-    vmapToNmap(constView(vmap), nmap);
+    depthToVmapNmap(k, depth, mask, vmap, nmap);
 
     out.points.clear();
     out.normals.clear();

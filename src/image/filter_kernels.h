@@ -38,6 +38,15 @@ void filterColumns(const ImageView<const float>& in, const float* kernel, int le
 void centralGradientX(const ImageView<const float>& gray, const ImageView<float>& out);
 void centralGradientY(const ImageView<const float>& gray, const ImageView<float>& out);
 
+// centralGradientX into gx and centralGradientY into gy.
+void centralGradients(const ImageView<const float>& gray, const ImageView<float>& gx,
+                      const ImageView<float>& gy);
+
+// The gray map replaced, in place, by gradientMagnitude of its own central gradients: the same
+// values as centralGradientX and centralGradientY into scratch maps and the magnitude of those
+// back into the gray map, without the two full maps.
+void centralGradientMagnitude(const ImageView<float>& gray);
+
 // sqrt(gx^2 + gy^2) per pixel. `out` may be either input.
 void gradientMagnitude(const ImageView<const float>& gx, const ImageView<const float>& gy,
                        const ImageView<float>& out);

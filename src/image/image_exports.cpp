@@ -29,9 +29,11 @@ int KESTORDepthToVmapNmap(const double* K, const float* depth, const uint8_t* ma
         return KESTOR_STATUS_BAD_ARGUMENT;
     const Intrinsics k = intrinsicsFromMatrix(K);
     const auto vertices = packedView(reinterpret_cast<Float3*>(vmap), width, height);
-    depthToVmap(k, packedView(depth, width, height), packedView(mask, width, height), vertices);
     if (nmap != nullptr)
-        vmapToNmap(constView(vertices), packedView(reinterpret_cast<Float3*>(nmap), width, height));
+        depthToVmapNmap(k, packedView(depth, width, height), packedView(mask, width, height),
+                        vertices, packedView(reinterpret_cast<Float3*>(nmap), width, height));
+    else
+        depthToVmap(k, packedView(depth, width, height), packedView(mask, width, height), vertices);
     return KESTOR_STATUS_OK;
 }
 

@@ -17,6 +17,17 @@ void depthToVmap(const Intrinsics& k, const ImageView<const float>& depth,
 // each vertex then takes the direction of its sum. Vertices without such a triangle get (0, 0, 0).
 void vmapToNmap(const ImageView<const Float3>& vmap, const ImageView<Float3>& nmap);
 
+// depthToVmap then vmapToNmap in one pass over the rows, with the same result: the vertex rows go
+// to the normal kernel as they are made instead of being read back. With `sampled`, the vertex
+// map's 2:1 sample (subsampleVmap) is written as well, from each even row while it is at hand.
+void depthToVmapNmap(const Intrinsics& k, const ImageView<const float>& depth,
+                     const ImageView<const uint8_t>& mask, const ImageView<Float3>& vmap,
+                     const ImageView<Float3>& nmap, const ImageView<Float3>* sampled = nullptr);
+
+// subsampleVmap then vmapToNmap on the coarser map, in one pass.
+void subsampleVmapNmap(const ImageView<const Float3>& finer, const ImageView<Float3>& coarser,
+                       const ImageView<Float3>& coarserNormals);
+
 // Triangles seen at 1.5 rad or more from the viewing ray of their first corner are dropped.
 constexpr double kMaxViewAngle = 1.5;
 

@@ -207,9 +207,9 @@ void matchGroupsDepth(const float* const* depths, const unsigned char* const* co
         n.resize(pixels);
         const unsigned char* mask = masks ? masks[f] : nullptr;
         const auto vview = packedView(v.data(), width, height);
-        depthToVmap(k, packedView(depths[f], width, height),
-                    mask ? packedView(mask, width, height) : ImageView<const uint8_t>{}, vview);
-        vmapToNmap(constView(vview), packedView(n.data(), width, height));
+        depthToVmapNmap(k, packedView(depths[f], width, height),
+                        mask ? packedView(mask, width, height) : ImageView<const uint8_t>{}, vview,
+                        packedView(n.data(), width, height));
         in.vmaps.push_back(reinterpret_cast<const float*>(v.data()));
         in.nmaps.push_back(reinterpret_cast<const float*>(n.data()));
         if (masks) in.masks.push_back(mask);

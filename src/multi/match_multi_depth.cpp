@@ -33,8 +33,7 @@ void computeMaps(const Intrinsics& k, const ImageView<const float>& depth,
     out.vmap.resize(pixels);
     out.nmap.resize(pixels);
     const auto vmap = packedView(out.vmap.data(), width, height);
-    depthToVmap(k, depth, mask, vmap);
-    vmapToNmap(constView(vmap), packedView(out.nmap.data(), width, height));
+    depthToVmapNmap(k, depth, mask, vmap, packedView(out.nmap.data(), width, height));
     maps.vmap = constView(vmap);
     maps.nmap = packedView<const Float3>(out.nmap.data(), width, height);
 }

@@ -108,8 +108,8 @@ struct DepthMaps {
     DepthMaps(const Intrinsics& k, const float* depth, const uint8_t* mask, int width, int height)
         : vmap(size_t(width) * size_t(height)), nmap(vmap.size()) {
         const auto v = packedView(vmap.data(), width, height);
-        depthToVmap(k, packedView(depth, width, height), packedView(mask, width, height), v);
-        vmapToNmap(constView(v), packedView(nmap.data(), width, height));
+        depthToVmapNmap(k, packedView(depth, width, height), packedView(mask, width, height), v,
+                        packedView(nmap.data(), width, height));
     }
 };
 

@@ -3,9 +3,11 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <string>
 #include <vector>
 
 #include "image/vertex_normal_maps.h"
+#include "io/png_image.h"
 #include "kestor.h"
 #include "support/synthetic_scene.h"
 
@@ -201,5 +203,86 @@ TEST(VmapToNmap, VectorisedKernelGivesTheBitsOfThePlainLoop) {
         vmapToNmap(constView(packedView(vmap.data(), width, 13)), packedView(nmap.data(), width, 13));
         const std::vector<Float3> expected = referenceNormals(vmap, width, 13);
         ASSERT_EQ(std::memcmp(nmap.data(), expected.data(), nmap.size() * sizeof(Float3)), 0) << "width " << width;
+    }
+}
+
+namespace {
+
+// Back-projection as a plain loop, with the factors formed as the kernel forms them.
+std::vector<Float3> referenceVertices(const std::vector<float>& depth, const uint8_t* mask, int w, int h,
+                                      const Intrinsics& k) {
+    std::vector<Float3> v(depth.size(), Float3{0, 0, 0});
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            const size_t i = size_t(y * w + x);
+            const float d = depth[i];
+            if ((mask == nullptr || mask[i] != 0) && d > 0)
+                v[i] = Float3{d * ((float(x) - k.cx) / k.fx), d * ((float(y) - k.cy) / k.fy), d};
+        }
+    return v;
+}
+
+}  // namespace
+
+TEST(DepthToVmapNmap, RealFramesWithHolesMasksAndOddSizesGiveTheBitsOfThePlainLoops) {
+    int w = 0, h = 0;
+    const std::vector<float> tum = kestor_io::readDepthPng(
+        std::string(KESTOR_SAMPLE_DIR) + "/depth/1305031102.160407.png", 5000.0, w, h);
+    ASSERT_EQ(w, 640);
+    // A room seen head-on and at grazing angles: triangles at both limits of the view-angle test.
+    const Camera cam = camera(w, h, 525.0, 319.5, 239.5);
+    Scene scene;
+    scene.addPlane({0, 0, 2.5}, {0, 0, -1});
+    scene.addPlane({0.9, 0, 2.0}, {std::sin(1.49), 0, -std::cos(1.49)});
+    scene.addBox({-0.5, -0.4, 1.2}, {-0.1, 0.1, 1.6});
+    const std::vector<float> room = scene.render(cam, Pose()).depth;
+    const double K[9] = {525.0, 0, 319.5, 0, 525.0, 239.5, 0, 0, 1};
+    const Intrinsics k{525.0f, 525.0f, 319.5f, 239.5f};
+
+    struct Case {
+        const char* name;
+        const std::vector<float>* depth;
+        int holes;        // every n-th pixel NaN (0: none)
+        bool masked;      // a scattered mask
+        int cropW, cropH; // a smaller window, for row tails
+    };
+    for (const Case& c : {Case{"tum", &tum, 0, false, w, h}, Case{"tum holes", &tum, 7, false, w, h},
+                          Case{"tum masked", &tum, 0, true, w, h}, Case{"tum odd", &tum, 13, true, 637, 475},
+                          Case{"room", &room, 0, false, w, h}, Case{"room odd", &room, 5, false, 621, 9}}) {
+        const int cw = c.cropW, ch = c.cropH;
+        std::vector<float> depth(size_t(cw * ch));
+        std::vector<uint8_t> mask(depth.size());
+        for (int y = 0; y < ch; ++y)
+            for (int x = 0; x < cw; ++x) {
+                const size_t i = size_t(y * cw + x);
+                depth[i] = (*c.depth)[size_t(y * w + x)];
+                if (c.holes && i % size_t(c.holes) == 0) depth[i] = std::numeric_limits<float>::quiet_NaN();
+                mask[i] = uint8_t((i * 2654435761u >> 9) % 4 != 0);
+            }
+        const uint8_t* maskArg = c.masked ? mask.data() : nullptr;
+        std::vector<Float3> vmap(depth.size()), nmap(depth.size());
+        ASSERT_EQ(KESTORDepthToVmapNmap(K, depth.data(), maskArg, &vmap[0].x, &nmap[0].x, cw, ch), 0);
+        const std::vector<Float3> vertices = referenceVertices(depth, maskArg, cw, ch, k);
+        const std::vector<Float3> normals = referenceNormals(vertices, cw, ch);
+        EXPECT_EQ(std::memcmp(vmap.data(), vertices.data(), vmap.size() * sizeof(Float3)), 0) << c.name;
+        EXPECT_EQ(std::memcmp(nmap.data(), normals.data(), nmap.size() * sizeof(Float3)), 0) << c.name;
+    }
+
+    // Vertices scaled far out of metres (1e-20, 1e20) and negative zeros in the map: the float
+    // shortcuts must step aside and still give the same bits.
+    std::vector<Float3> base = referenceVertices(tum, nullptr, w, h, k);
+    for (float scale : {1e-20f, 1e20f, -0.0f}) {
+        std::vector<Float3> scaled = base;
+        for (Float3& p : scaled) {
+            if (scale == -0.0f) {
+                if (p.x > 0) p.x = -0.0f;  // a zero but negative x on half the image
+                continue;
+            }
+            p.x *= scale, p.y *= scale, p.z *= scale;
+        }
+        std::vector<Float3> nmap(scaled.size());
+        vmapToNmap(constView(packedView(scaled.data(), w, h)), packedView(nmap.data(), w, h));
+        const std::vector<Float3> expected = referenceNormals(scaled, w, h);
+        EXPECT_EQ(std::memcmp(nmap.data(), expected.data(), nmap.size() * sizeof(Float3)), 0) << scale;
     }
 }

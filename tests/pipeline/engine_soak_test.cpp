@@ -103,8 +103,9 @@ TEST(EngineSoak, TenThousandFramesKeepMemoryFlatAndEveryFrameOnce) {
     EXPECT_EQ(soak.records.overlapping.load(), 0);
     EXPECT_GT(accepted, kFrames * 99 / 100);
 
-    // What the engine keeps on purpose after warm-up, plus 8 MB for allocator slack. A frame's
-    // pyramid or images kept by mistake would add 145 or 21 kB a frame.
+    // What the engine keeps on purpose after warm-up, plus 16 MB for allocator slack and buffers
+    // that threads make on first use. A frame's pyramid or images kept by mistake would add 145
+    // or 21 kB a frame, over a gigabyte or 168 MB in all; anything above 2 kB a frame shows.
     const int newGroups = soak.finishedAtEnd - soak.finishedAtWarmUp + 2;
     // Per group also its member poses and frame list and the chain edge of each member; per
     // frame this test's own trace record, in a vector that may have doubled.
@@ -118,7 +119,7 @@ TEST(EngineSoak, TenThousandFramesKeepMemoryFlatAndEveryFrameOnce) {
                 "(pyramid %zu B, frame %zu B); groups finished %d then %d\n",
                 soak.residentAtWarmUp / 1e6, kWarmUp, soak.residentAtEnd / 1e6, kFrames, kept / 1e6,
                 pyramidBytes, frameBytes, soak.finishedAtWarmUp, soak.finishedAtEnd);
-    EXPECT_LT(growth, kept + 8e6);
+    EXPECT_LT(growth, kept + 16e6);
 
     // The header counts the records, which alternate depth and colour planes of whole frames.
     std::FILE* file = std::fopen(cache.c_str(), "rb");

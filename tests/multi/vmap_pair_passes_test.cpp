@@ -1,0 +1,221 @@
+// The pair passes of the joint alignment on image grids: eight elements at a time against one by
+// one on rendered frames (same stored bits, sums equal to rounding), and the association gates on
+// a hand-made target where each element sits on one edge of one gate.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <vector>
+
+#include "multi/rendered_frames.h"
+#include "multi/vmap_pair_passes.h"
+
+using namespace kestor;
+using namespace kestor_test;
+
+namespace {
+
+FrameMaps mapsOf(const RenderedSequence& s, int k) {
+    const int w = s.camera.width, h = s.camera.height;
+    FrameMaps m;
+    m.vmap = packedView(reinterpret_cast<const Float3*>(s.vmaps[size_t(k)].data()), w, h);
+    m.nmap = packedView(reinterpret_cast<const Float3*>(s.nmaps[size_t(k)].data()), w, h);
+    m.gray = packedView<const float>(s.grays[size_t(k)].data(), w, h);
+    m.gradX = packedView<const float>(s.gradXs[size_t(k)].data(), w, h);
+    m.gradY = packedView<const float>(s.gradYs[size_t(k)].data(), w, h);
+    return m;
+}
+
+void expectClose(double a, double b) { EXPECT_NEAR(a, b, 1e-9 * (1.0 + std::abs(b))); }
+
+template <int N>
+void expectSameSums(const RowSums<N>& a, const RowSums<N>& b) {
+    for (int i = 0; i < N * N; ++i) expectClose(a.hessian[i], b.hessian[i]);
+    for (int i = 0; i < N; ++i) expectClose(a.gradient[i], b.gradient[i]);
+}
+
+// What a pass leaves: the targets, the kept count and its sums, flattened.
+struct Outcome {
+    std::vector<int32_t> targets;
+    int kept = 0;
+    std::vector<double> sums;
+};
+
+// Runs `pass(begin, end, targets, sums)` over the whole source and element by element.
+template <typename Pass>
+void expectLanesMatchSingles(int count, Pass pass) {
+    Outcome whole, single;
+    whole.targets.assign(size_t(count), -2);
+    single.targets.assign(size_t(count), -2);
+    whole.kept = pass(0, count, whole.targets.data(), whole.sums);
+    for (int e = 0; e < count; ++e) single.kept += pass(e, e + 1, single.targets.data(), single.sums);
+    EXPECT_EQ(whole.kept, single.kept);
+    EXPECT_GT(whole.kept, count / 4);
+    EXPECT_LT(whole.kept, count);
+    EXPECT_EQ(whole.targets, single.targets);
+    ASSERT_EQ(whole.sums.size(), single.sums.size());
+    for (size_t i = 0; i < whole.sums.size(); ++i) expectClose(whole.sums[i], single.sums[i]);
+}
+
+template <int N>
+void append(std::vector<double>& out, const RowSums<N>& sums, double error) {
+    if (out.empty()) out.assign(N * N + N + 1, 0.0);
+    for (int i = 0; i < N * N; ++i) out[size_t(i)] += sums.hessian[i];
+    for (int i = 0; i < N; ++i) out[size_t(N * N + i)] += sums.gradient[i];
+    out.back() += error;
+}
+
+}  // namespace
+
+TEST(VmapPairPasses, LanesAndSingleElementsAgreeInEveryPass) {
+    const RenderedSequence& s = rendered(3, 2.0);
+    const Intrinsics k{float(s.camera.fx), float(s.camera.fy), float(s.camera.cx), float(s.camera.cy)};
+    // Frame 2 against frame 0 at a start that is off the truth, so some elements fail each gate.
+    std::vector<RT_<double>> poses(3);
+    const std::vector<double> start = s.perturbedRts(1.0);
+    for (int f = 0; f < 3; ++f)
+        for (int r = 0; r < 3; ++r) {
+            for (int c = 0; c < 3; ++c) poses[size_t(f)].rotation[r * 3 + c] = start[size_t(f * 12 + r * 4 + c)];
+            poses[size_t(f)].translation[r] = start[size_t(f * 12 + r * 4 + 3)];
+        }
+    const RT_<float> T = relativePose(poses[0], poses[2]);
+    const ProjectiveTest plane{0.05f * 0.05f, float(std::cos(0.5)), true};
+    const ProjectiveTest point{0.05f * 0.05f, 0.0f, false};
+
+    const CompactFrame withNormals = compactFrame(mapsOf(s, 2), true);
+    const CompactFrame withoutNormals = compactFrame(mapsOf(s, 2), false);
+    const TargetRecords colour = targetRecords(mapsOf(s, 0), true, true);
+    const TargetRecords vertices = targetRecords(mapsOf(s, 0), false, false);
+    const int n = withNormals.size();
+    ASSERT_GT(n, 64);
+
+    expectLanesMatchSingles(withoutNormals.size(), [&](int b, int e, int32_t* t, std::vector<double>& out) {
+        RowSums<12> sums;
+        double error = 0.0;
+        const int kept = pointRowsPass(withoutNormals, vertices, k, T, point, b, e, t, sums, error);
+        append(out, sums, error);
+        return kept;
+    });
+    expectLanesMatchSingles(n, [&](int b, int e, int32_t* t, std::vector<double>& out) {
+        RowSums<6> sums;
+        double error = 0.0;
+        const int kept = planeRowsPass(withNormals, colour, k, T, plane, b, e, t, sums, error);
+        append(out, sums, error);
+        return kept;
+    });
+    ResidualStats total{};
+    expectLanesMatchSingles(n, [&](int b, int e, int32_t* t, std::vector<double>& out) {
+        ResidualStats stats{};
+        const int kept = coloredStatsPass(withNormals, colour, k, T, plane, b, e, t, stats);
+        if (out.empty()) out.assign(5, 0.0);
+        const double values[5] = {stats.sumG, stats.sumC, stats.sumSquaresG, stats.sumSquaresC,
+                                  double(stats.count)};
+        for (int v = 0; v < 5; ++v) out[size_t(v)] += values[v];
+        if (b == 0 && e == n) total = stats;
+        return kept;
+    });
+
+    // The passes that walk kept targets, at a trial pose a little off the association's.
+    std::vector<int32_t> targets(static_cast<size_t>(n));
+    std::vector<int32_t> pointTargets(static_cast<size_t>(withoutNormals.size()));
+    ResidualStats stats{};
+    coloredStatsPass(withNormals, colour, k, T, plane, 0, n, targets.data(), stats);
+    RowSums<12> ignored;
+    double ignoredError = 0.0;
+    pointRowsPass(withoutNormals, vertices, k, T, point, 0, withoutNormals.size(),
+                  pointTargets.data(), ignored, ignoredError);
+    ColoredScales scales;
+    scales.update({stats}, 0.3);
+    RT_<float> trial = T;
+    trial.translation[0] += 0.004f;
+    trial.rotation[1] += 0.002f;
+    auto byElement = [&](auto error) {
+        double lanes = error(0, n), singles = 0.0;
+        for (int e = 0; e < n; ++e) singles += error(e, e + 1);
+        EXPECT_GT(lanes, 0.0);
+        expectClose(lanes, singles);
+    };
+    byElement([&](int b, int e) { return planeErrorPass(withNormals, colour, trial, targets.data(), b, e); });
+    byElement([&](int b, int e) {
+        return coloredErrorPass(withNormals, colour, trial, scales, targets.data(), b, e);
+    });
+    double pointLanes = pointErrorPass(withoutNormals, vertices, trial, pointTargets.data(), 0,
+                                       withoutNormals.size());
+    double pointSingles = 0.0;
+    for (int e = 0; e < withoutNormals.size(); ++e)
+        pointSingles += pointErrorPass(withoutNormals, vertices, trial, pointTargets.data(), e, e + 1);
+    expectClose(pointLanes, pointSingles);
+
+    RowSums<6> rowsWhole, rowsSingle;
+    double errorWhole = 0.0, errorSingle = 0.0;
+    coloredRowsPass(withNormals, colour, k, T, scales, targets.data(), 0, n, rowsWhole, errorWhole);
+    for (int e = 0; e < n; ++e)
+        coloredRowsPass(withNormals, colour, k, T, scales, targets.data(), e, e + 1, rowsSingle,
+                        errorSingle);
+    expectSameSums(rowsWhole, rowsSingle);
+    expectClose(errorWhole, errorSingle);
+    EXPECT_GT(rowsWhole.hessian[0], 0.0);
+}
+
+// A 4 x 2 target whose pixel (c, r) holds the vertex (c, r, 1) facing the camera, with fx = fy = 1
+// and the centre at 0, so a source point (x, y, 1) projects to u = x, v = y at the identity.
+TEST(VmapPairPasses, EachGateRejectsAtItsEdgeInLanesAndOneByOne) {
+    const int W = 4, H = 2;
+    std::vector<Float3> vmap, nmap;
+    for (int r = 0; r < H; ++r)
+        for (int c = 0; c < W; ++c) {
+            vmap.push_back(Float3{float(c), float(r), 1.0f});
+            nmap.push_back(Float3{0.0f, 0.0f, -1.0f});
+        }
+    vmap[1 * W + 1].z = 0.0f;          // no vertex at (1, 1)
+    nmap[1 * W + 2] = Float3{0, 0, 0};  // no normal at (2, 1)
+    FrameMaps target;
+    target.vmap = packedView<const Float3>(vmap.data(), W, H);
+    target.nmap = packedView<const Float3>(nmap.data(), W, H);
+    const TargetRecords records = targetRecords(target, true, false);
+
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const Float3 facing{0.0f, 0.0f, -1.0f};
+    struct Element {
+        Float3 p, m;
+        int expected;  // target pixel, or -1
+    };
+    const Element elements[] = {
+        {{0.0f, 0.0f, 1.0f}, facing, 0},           // u = 0 exactly is taken
+        {{-0.3f, 0.0f, 1.0f}, facing, -1},         // u < 0 although it rounds to column 0
+        {{3.5f, 0.0f, 1.0f}, facing, -1},          // u + 0.5 == W
+        {{3.4f, 0.0f, 1.0f}, facing, 3},           // column W - 1, distance 0.4
+        {{1.0f, 1.0f, 1.0f}, facing, -1},          // target without a vertex
+        {{2.0f, 1.0f, 1.0f}, facing, -1},          // target without a normal
+        {{1.5f, 0.0f, 1.0f}, facing, -1},          // distance exactly at the limit (0.5)
+        {{0.0f, 1.0f, 1.0f}, {0.0f, 0.8660254f, -0.5f}, -1},  // n . m exactly at the limit
+        {{nan, 0.0f, 1.0f}, facing, -1},           // NaN
+        {{1.0f, 0.0f, 1.0f}, facing, 1},
+        {{-1.0f, 0.0f, -1.0f}, facing, -1},        // behind the camera, lands on column 1, too far
+        {{0.0f, -0.0f, 1.0f}, facing, 0},          // v = -0 counts as 0
+        {{3.0f, 1.49f, 1.0f}, facing, 7},
+        {{3.0f, 1.5f, 1.0f}, facing, -1},          // v + 0.5 == H
+        {{0.4f, 0.0f, 1.0f}, {0.0f, 0.8f, -0.6f}, 0},  // n . m = 0.6 is above the limit
+        {{2.2f, -0.1f, 1.0f}, facing, -1},         // v < 0
+    };
+    CompactFrame source;
+    std::vector<int32_t> expected;
+    for (const Element& e : elements) {
+        source.points.push_back(e.p);
+        source.normals.push_back(e.m);
+        source.pixels.push_back(int32_t(source.pixels.size()));
+        expected.push_back(e.expected);
+    }
+    const Intrinsics k{1.0f, 1.0f, 0.0f, 0.0f};
+    const ProjectiveTest test{0.25f, 0.5f, true};
+    const RT_<float> identity = RT_<float>::identity();
+    const int count = source.size();
+    std::vector<int32_t> lanes(static_cast<size_t>(count)), singles(static_cast<size_t>(count));
+    RowSums<6> sums;
+    double error = 0.0;
+    EXPECT_EQ(planeRowsPass(source, records, k, identity, test, 0, count, lanes.data(), sums, error), 6);
+    for (int e = 0; e < count; ++e)
+        planeRowsPass(source, records, k, identity, test, e, e + 1, singles.data(), sums, error);
+    EXPECT_EQ(lanes, expected);
+    EXPECT_EQ(singles, expected);
+}
