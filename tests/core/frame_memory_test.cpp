@@ -53,21 +53,6 @@ std::vector<uint8_t> fileBytes(const std::string& path) {
 
 }  // namespace
 
-TEST(FrameMemory, ImageAndPyramidBlocksAreLaidOutPlaneAfterPlane) {
-    Fixture fx(KESTOR_FLAG_GRAY);
-    _Frame* frame = fx.frame(0, 1);
-    const auto* depth = reinterpret_cast<const uint8_t*>(frame->info.depth);
-    EXPECT_EQ(frame->info.color, depth + kPixels * 4);
-    EXPECT_EQ(frame->info.mask, depth + kPixels * 7);
-    const FrameLevel* l = frame->levels;
-    EXPECT_EQ(l[0].nmap, l[0].vmap + kPixels * 3);
-    EXPECT_EQ(l[0].gray, l[0].vmap + kPixels * 6);
-    EXPECT_EQ(l[0].gradX, l[0].gray + kPixels);
-    EXPECT_EQ(l[0].gradY, l[0].gray + 2 * kPixels);
-    EXPECT_EQ(l[1].vmap, l[0].gray + 3 * kPixels);  // level 1 is 4x3
-    EXPECT_EQ(l[1].gradY, l[1].vmap + 12 * 6 + 12 * 2);
-}
-
 TEST(FrameMemory, ReduceWithoutCacheDropsOnlyThePyramidOnTheSecondCall) {
     Fixture fx(0);
     _Frame* frame = fx.frame(5, 1);

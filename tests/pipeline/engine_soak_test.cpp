@@ -12,7 +12,7 @@
 #include <thread>
 
 #include "core/fusion_instance.h"
-#include "pipeline/pipeline_harness.h"
+#include "support/engine_harness.h"
 
 using namespace kestor_test;
 

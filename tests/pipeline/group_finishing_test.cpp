@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "pipeline/builtin_match.h"
-#include "pipeline/engine_state.h"
+#include "support/engine_harness.h"
 #include "pipeline/group_finishing.h"
 
 using namespace kestor;
@@ -47,7 +47,7 @@ struct RenderedGroup {
     // Chain edges as tracking measures them: the built-in match from the true step.
     void measureChain() {
         for (GroupEdge& e : group->chainEdges) {
-            e.rt = rtOf(relative(truth[size_t(e.to)], truth[size_t(e.from)]));
+            e.rt = toRT(relative(truth[size_t(e.to)], truth[size_t(e.from)]));
             ASSERT_TRUE(builtInMatch(state.engine(), members[size_t(e.to)]->levels,
                                      members[size_t(e.from)]->levels, e.rt, e.info));
         }
@@ -57,7 +57,7 @@ struct RenderedGroup {
         ASSERT_EQ(group->frameRTs.size(), truth.size());
         EXPECT_TRUE(isIdentity(group->frameRTs[size_t(group->keyIndex)]));
         for (size_t j = 0; j < truth.size(); ++j) {
-            const Pose got = poseOf(group->frameRTs[j]), want = relative(key, truth[j]);
+            const Pose got = fromRT(group->frameRTs[j]), want = relative(key, truth[j]);
             EXPECT_LT(rotationDegrees(got, want), degrees) << "member " << j;
             EXPECT_LT(translationMm(got, want), mm) << "member " << j;
         }
@@ -98,8 +98,8 @@ TEST(GroupFinishing, WithoutInGroupAlignmentFrameRTsFollowTracking) {
     finishGroup(f, *g.group);
     EXPECT_EQ(g.group->keyIndex, 0);
     for (size_t j = 0; j < g.members.size(); ++j) {
-        const Pose tracked = relative(poseOf(g.members[0]->pose), poseOf(g.members[j]->pose));
-        EXPECT_LT(translationMm(poseOf(g.group->frameRTs[j]), tracked), 1e-6) << j;
+        const Pose tracked = relative(fromRT(g.members[0]->pose), fromRT(g.members[j]->pose));
+        EXPECT_LT(translationMm(fromRT(g.group->frameRTs[j]), tracked), 1e-6) << j;
     }
 }
 
@@ -116,7 +116,7 @@ TEST(GroupFinishing, InGroupPoseGraphRecoversTrueRelativePoses) {
         EXPECT_EQ(flag, MATCH_INNER);
         asked.emplace_back(a->info.index, b->info.index);
         const Pose truth = relative(g.truth[size_t(a->info.index)], g.truth[size_t(b->info.index)]);
-        rt = rtOf(truth * Pose::fromAxisAngle({0, 1, 1}, 0.017, {0.02, 0, -0.01}));
+        rt = toRT(truth * Pose::fromAxisAngle({0, 1, 1}, 0.017, {0.02, 0, -0.01}));
         return true;
     };
     finishGroup(f, *g.group);
@@ -129,7 +129,7 @@ TEST(GroupFinishing, InGroupPoseGraphRecoversTrueRelativePoses) {
         EXPECT_EQ(std::make_pair(edge.to, edge.from), pairs[e]);
         EXPECT_EQ(edge.weight, kSearchedWeight) << "a true edge is not dropped";
         const Pose want = relative(g.truth[size_t(edge.to)], g.truth[size_t(edge.from)]);
-        EXPECT_LT(translationMm(poseOf(edge.rt), want), 5.0) << "the built-in match refined it";
+        EXPECT_LT(translationMm(fromRT(edge.rt), want), 5.0) << "the built-in match refined it";
     }
     EXPECT_LT(g.group->keyIndex, kGroupSize);
     g.expectFrameRTsNearTruth(0.3, 5.0);
@@ -165,7 +165,7 @@ TEST(GroupFinishing, KeyFrameHasTheMostTruncatedPointCounts) {
         EXPECT_TRUE(isIdentity(group->frameRTs[size_t(c.key)]));
         for (int j = 0; j < 4; ++j) {
             const Pose want = relative(arcPose(c.key), arcPose(j));
-            EXPECT_LT(translationMm(poseOf(group->frameRTs[size_t(j)]), want), 1e-3) << j;
+            EXPECT_LT(translationMm(fromRT(group->frameRTs[size_t(j)]), want), 1e-3) << j;
         }
         EXPECT_EQ(members[size_t(c.key)]->levels[0].vmap, nullptr);
     }
@@ -181,7 +181,7 @@ TEST(GroupFinishing, LinkInformationOnlyForFullGroupsWhereAGraphUsesIt) {
         {1, 2, 3, false}, {1, 1, 3, true}, {0, 1, 2, false}, {2, 1, 1, false},
     };
     for (const Case& c : cases) {
-        EngineState state(2, 80, 60);
+        EngineState state(2, wideCamera(80, 60));
         std::vector<_Frame*> members;
         for (int k = 0; k < c.members; ++k) members.push_back(state.addRenderedFrame(arcPose(k), arcPose(k)));
         _Group* group = state.addGroup(members);

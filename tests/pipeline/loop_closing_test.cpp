@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "pipeline/engine_state.h"
+#include "support/engine_harness.h"
 #include "pipeline/group_finishing.h"
 #include "pipeline/loop_closing.h"
 
@@ -29,14 +29,14 @@ struct BlankGroups {
         state.engine().pairMatchFunc = [this](const _Frame* candidate, const _Frame* current,
                                               RT_<double>&, _MatchFlag flag) {
             EXPECT_EQ(flag, MATCH_GROUP);
-            EXPECT_EQ(current, state.instance->groups[size_t(current->info.groupId)]->frames[0]);
+            EXPECT_EQ(current, state.engine().groups[size_t(current->info.groupId)]->frames[0]);
             asked.push_back(candidate->info.groupId);
             return false;
         };
     }
     void close(int position) {
-        closeGroupLoops(state.engine(), state.instance->groups.data(), position,
-                        *state.instance->groups[size_t(position)]);
+        closeGroupLoops(state.engine(), state.engine().groups.data(), position,
+                        *state.engine().groups[size_t(position)]);
     }
 };
 
@@ -109,7 +109,7 @@ TEST(LoopClosing, FoundLoopIsRecordedFromTheKeyFrameAndLogged) {
         for (_Group* g : state.groups()) finishGroup(f, *g);
         f.pairMatchFunc = [&](const _Frame* a, const _Frame* b, RT_<double>& rt, _MatchFlag) {
             if (a != frames[0]) return false;
-            rt = rtOf(relative(truth[0], truth[size_t(b->info.index)]) *
+            rt = toRT(relative(truth[0], truth[size_t(b->info.index)]) *
                       Pose::fromAxisAngle({1, 0, 1}, 0.017, {0.02, -0.01, 0}));
             return true;
         };
@@ -124,8 +124,8 @@ TEST(LoopClosing, FoundLoopIsRecordedFromTheKeyFrameAndLogged) {
         EXPECT_EQ(edge.from, 1);
         EXPECT_EQ(edge.to, 0);
         EXPECT_GT(edge.info[5][5], 0.0);
-        EXPECT_LT(rotationDegrees(poseOf(edge.rt), relative(truth[0], truth[4])), 0.2);
-        EXPECT_LT(translationMm(poseOf(edge.rt), relative(truth[0], truth[4])), 3.0);
+        EXPECT_LT(rotationDegrees(fromRT(edge.rt), relative(truth[0], truth[4])), 0.2);
+        EXPECT_LT(translationMm(fromRT(edge.rt), relative(truth[0], truth[4])), 3.0);
     }
 }
 

@@ -4,7 +4,7 @@
 
 #include <set>
 
-#include "pipeline/pipeline_harness.h"
+#include "support/engine_harness.h"
 
 using namespace kestor_test;
 

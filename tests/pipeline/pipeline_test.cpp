@@ -4,12 +4,13 @@
 
 #include <algorithm>
 #include <chrono>
+#include <functional>
 #include <set>
 #include <string>
 
 #include "core/fusion_instance.h"
 #include "core/parallel_for.h"
-#include "pipeline/pipeline_harness.h"
+#include "support/engine_harness.h"
 
 using namespace kestor_test;
 using kestor::RGBDFusionImpl;
@@ -68,27 +69,38 @@ bool refuseSequential(const KESTORFrameInfo*, const KESTORFrameInfo* second, dou
 
 }  // namespace
 
-TEST(Pipeline, ExportsCheckTheHandleThenTheirArguments) {
-    auto frameFunc = [](const KESTORFrameInfo*, const double[3][4], void*) {};
-    int count = 7;
-    EXPECT_EQ(KESTORStart(nullptr, 1), 9);
-    EXPECT_EQ(KESTORStop(nullptr), 9);
-    EXPECT_EQ(KESTORAddFrame(nullptr, nullptr, nullptr), 9);
-    EXPECT_EQ(KESTORGetFrameNum(nullptr, &count), 9);
-    EXPECT_EQ(KESTORGetFrame(nullptr, 0, nullptr, nullptr), 9);
+// Each row breaks one argument of a pipeline export: its status, with nothing written, no fill
+// and no callback. The rows after them are the calls that are not errors.
+TEST(Pipeline, BadArgumentsAreRefusedWithNothingWrittenOrCalled) {
     EngineRun run(10);
-    EXPECT_EQ(KESTORAddFrame(run.instance, nullptr, nullptr), 4);
-    EXPECT_EQ(KESTORGetFrame(run.instance, 0, nullptr, nullptr), 4);
-    EXPECT_EQ(KESTORGetFrame(run.instance, -2, frameFunc, nullptr), 4);
-    EXPECT_EQ(KESTORGetFrameNum(run.instance, nullptr), 0);
-    EXPECT_EQ(KESTORGetFrameNum(run.instance, &count), 0);
-    EXPECT_EQ(count, 0);
-    int calls = 0;
-    auto counting = [](const KESTORFrameInfo*, const double[3][4], void* n) { ++*static_cast<int*>(n); };
-    EXPECT_EQ(KESTORGetFrame(run.instance, -1, counting, &calls), 0);
-    EXPECT_EQ(KESTORGetFrame(run.instance, 0, counting, &calls), 0);  // past the end: no call
-    EXPECT_EQ(calls, 0);
-    EXPECT_EQ(KESTORStop(run.instance), 0);  // a stopped instance only repeats the empty steps
+    void* h = run.instance;
+    struct Spy { int count = 7, calls = 0; } spy;
+    const KESTORFrameFunc frameFunc = [](const KESTORFrameInfo*, const double[3][4], void* s) {
+        ++static_cast<Spy*>(s)->calls;
+    };
+    const struct Row { const char* broken; std::function<int()> call; int status; } rows[] = {
+        {"Start: handle", [&] { return KESTORStart(nullptr, 1); }, 9},
+        {"Stop: handle", [&] { return KESTORStop(nullptr); }, 9},
+        {"AddFrame: handle", [&] { return KESTORAddFrame(nullptr, fillFromSource, &run.source); }, 9},
+        {"AddFrame: fill", [&] { return KESTORAddFrame(h, nullptr, &run.source); }, 4},
+        {"GetFrameNum: handle", [&] { return KESTORGetFrameNum(nullptr, &spy.count); }, 9},
+        {"GetFrame: handle", [&] { return KESTORGetFrame(nullptr, -1, frameFunc, &spy); }, 9},
+        {"GetFrame: function", [&] { return KESTORGetFrame(h, -1, nullptr, &spy); }, 4},
+        {"GetFrame: index below -1", [&] { return KESTORGetFrame(h, -2, frameFunc, &spy); }, 4},
+        {"GetFrameNum: no count", [&] { return KESTORGetFrameNum(h, nullptr); }, 0},
+        {"GetFrame: empty list", [&] { return KESTORGetFrame(h, -1, frameFunc, &spy); }, 0},
+        {"GetFrame: past the end", [&] { return KESTORGetFrame(h, 0, frameFunc, &spy); }, 0},
+        {"Stop: stopped instance", [&] { return KESTORStop(h); }, 0},
+    };
+    for (const Row& r : rows) {
+        EXPECT_EQ(r.call(), r.status) << r.broken;
+        EXPECT_EQ(spy.count, 7) << r.broken;
+        EXPECT_EQ(spy.calls, 0) << r.broken;
+        EXPECT_EQ(run.source.fills.load(), 0) << r.broken;
+        EXPECT_TRUE(run.trace.calls.empty()) << r.broken;
+    }
+    EXPECT_EQ(KESTORGetFrameNum(h, &spy.count), 0);
+    EXPECT_EQ(spy.count, 0);
 }
 
 TEST(Pipeline, ARefusedFillLeavesAGapInTheIdsAndNoTrace) {

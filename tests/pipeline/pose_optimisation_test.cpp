@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "pipeline/engine_graph.h"
-#include "pipeline/engine_state.h"
+#include "support/engine_harness.h"
 #include "pipeline/group_finishing.h"
 #include "pipeline/pose_optimisation.h"
 
@@ -35,7 +35,7 @@ void finishAll(EngineState& state, int groupMode) {
 GroupEdge loopEdge(int from, int to, const Pose& rt, uint8_t weight,
                    const Information& info = Information(1e4, 1e3)) {
     GroupEdge e{};
-    e.rt = rtOf(rt);
+    e.rt = toRT(rt);
     std::memcpy(e.info, info.m, sizeof(e.info));
     e.weight = weight;
     e.from = from;
@@ -86,10 +86,10 @@ TEST(PoseOptimisation, GroupGraphLinksFullGroupsAndRemeasuresRelocalisation) {
         EXPECT_EQ(graph.infos[0][35], 100.0);
         EXPECT_EQ(graph.infos[1][35], 102.0);
         const std::vector<Pose>& t = run.truth;
-        EXPECT_LT(translationMm(poseOf(graph.relative[0]), relative(t[0], t[3])), 1e-6) << "link";
-        EXPECT_LT(translationMm(poseOf(graph.relative[1]), relative(t[5], t[6])), 1e-6) << "link";
-        EXPECT_LT(translationMm(poseOf(graph.relative[2]), relative(t[0], t[5])), 1e-6) << "relocalisation";
-        EXPECT_LT(rotationDegrees(poseOf(graph.relative[2]), relative(t[0], t[5])), 1e-6);
+        EXPECT_LT(translationMm(fromRT(graph.relative[0]), relative(t[0], t[3])), 1e-6) << "link";
+        EXPECT_LT(translationMm(fromRT(graph.relative[1]), relative(t[5], t[6])), 1e-6) << "link";
+        EXPECT_LT(translationMm(fromRT(graph.relative[2]), relative(t[0], t[5])), 1e-6) << "relocalisation";
+        EXPECT_LT(rotationDegrees(fromRT(graph.relative[2]), relative(t[0], t[5])), 1e-6);
     }
 }
 
@@ -129,14 +129,14 @@ TEST(PoseOptimisation, OneGroupIsRederivedFromFrameRTsAroundItsLastFrame) {
     }
     _Group* group = state.addGroup(members);
     finishAll(state, 0);
-    for (int j = 0; j < 3; ++j) group->frameRTs[size_t(j)] = rtOf(relative(truth[0], truth[size_t(j)]));
+    for (int j = 0; j < 3; ++j) group->frameRTs[size_t(j)] = toRT(relative(truth[0], truth[size_t(j)]));
     const RT_<double> last = members[2]->pose;
     state.engine().para.globalMode = 1;
     runOptimisationPass(state.engine(), state.groups(), 0, 1);
     EXPECT_EQ(std::memcmp(&last, &members[2]->pose, sizeof(last)), 0);
     for (int j = 0; j < 2; ++j) {
         const Pose want = relative(truth[size_t(j)], truth[2]);
-        const Pose got = relative(poseOf(members[size_t(j)]->pose), poseOf(last));
+        const Pose got = relative(fromRT(members[size_t(j)]->pose), fromRT(last));
         EXPECT_LT(translationMm(got, want), 1e-6) << j;
         EXPECT_LT(rotationDegrees(got, want), 1e-6) << j;
     }
@@ -196,12 +196,12 @@ TEST(PoseOptimisation, LoopEdgePullsADriftedLapBackOntoTheTruth) {
         for (int k = 1; k <= 15; ++k) {
             const Pose want = relative(truth[0], truth[size_t(k)]);
             before = std::max(before, translationMm(relative(tracked[0], tracked[size_t(k)]), want));
-            after = std::max(after, translationMm(relative(poseOf(frames[0]->pose), poseOf(frames[size_t(k)]->pose)), want));
+            after = std::max(after, translationMm(relative(fromRT(frames[0]->pose), fromRT(frames[size_t(k)]->pose)), want));
         }
         SCOPED_TRACE(testing::Message() << "globalMode " << globalMode << ": " << before << " mm -> " << after << " mm");
         EXPECT_GT(before, 40.0);
         EXPECT_LT(after, 0.4 * before);
-        EXPECT_LT(translationMm(poseOf(frames[17]->pose), tracked[17]), 1e-6);
-        EXPECT_LT(rotationDegrees(poseOf(frames[17]->pose), tracked[17]), 1e-4);
+        EXPECT_LT(translationMm(fromRT(frames[17]->pose), tracked[17]), 1e-6);
+        EXPECT_LT(rotationDegrees(fromRT(frames[17]->pose), tracked[17]), 1e-4);
     }
 }

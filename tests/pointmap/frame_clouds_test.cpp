@@ -5,12 +5,13 @@
 
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "kestor.h"
-#include "pointmap/engine_state.h"
+#include "support/engine_harness.h"
 
 using namespace kestor;
 using namespace kestor_test;
@@ -106,11 +107,11 @@ TEST(FrameClouds, EqualTheColoredPointsOfEachFrameAndFuseInFrameOrder) {
         {"gray maps", 8, true, true, true},
     };
     for (const Case& c : cases) {
-        EngineState state(p.seq.camera, 2, 3, c.flags, c.spill ? tempPath("clouds") : "");
+        EngineState state(3, p.seq.camera, 2, c.flags, c.spill ? tempPath("clouds") : "");
         p.fill(state);
         state.reduceAll();
         // Spilled frames keep no planes in memory: the points must come from the file.
-        EXPECT_EQ(state.instance().frames[1]->info.depth == nullptr, c.spill) << c.name;
+        EXPECT_EQ(state.engine().frames[1]->info.depth == nullptr, c.spill) << c.name;
 
         Received perFrame, fused;
         EXPECT_EQ(KESTORGetPointsPerFrame(state.handle(), takeCloud, nullptr, &perFrame), KESTOR_STATUS_OK);
@@ -146,10 +147,10 @@ TEST(FrameClouds, UnreadableSpillRecords) {
         {"mask", &_Frame::maskRecord, true, true, false},
     };
     for (const Case& c : cases) {
-        EngineState state(p.seq.camera, 2, 3, 0, tempPath("records"));
+        EngineState state(3, p.seq.camera, 2, 0, tempPath("records"));
         p.fill(state);
         state.reduceAll();
-        state.instance().frames[2]->*c.record = kNoRecord;
+        state.engine().frames[2]->*c.record = kNoRecord;
         Received got;
         EXPECT_EQ(KESTORGetPointsPerFrame(state.handle(), takeCloud, nullptr, &got), KESTOR_STATUS_OK);
         std::vector<int> ids;
@@ -179,7 +180,7 @@ TEST(FrameClouds, ProgressCallsAndCancel) {
         {"cancel at frame 10", 20, 50, {0, 5, 10, 15, 20, 25, 30, 35, 40, 45, 50}, 10},
     };
     for (const Case& c : cases) {
-        EngineState state(camera, 1, 3, 0);
+        EngineState state(3, camera, 1, 0);
         for (int f = 0; f < c.frames; ++f) state.addFrame(blank, Pose());
         Received perFrame, fused;
         perFrame.cancelAt = fused.cancelAt = c.cancelAt;
@@ -200,7 +201,7 @@ TEST(FrameClouds, ProgressCallsAndCancel) {
 
 TEST(FrameClouds, CancelledFusedMapHoldsTheFramesSoFar) {
     const Planes& p = planes();
-    EngineState state(p.seq.camera, 2, 3, 0);
+    EngineState state(3, p.seq.camera, 2, 0);
     p.fill(state);
     Received perFrame, fused;
     perFrame.cancelAt = fused.cancelAt = 50;  // at frame 2 of 4
@@ -217,7 +218,7 @@ TEST(FrameClouds, DeviceMemoryFramesGiveNoPoints) {
     // Device planes cannot be read back in this build: frames come out empty, and nothing
     // dereferences the device blocks.
     const Camera camera = Camera().scaled(8, 6);
-    EngineState state(camera, 1, 3, 4);
+    EngineState state(3, camera, 1, 4);
     for (int f = 0; f < 3; ++f) state.addFrame(Frame{}, Pose());
     Received got;
     EXPECT_EQ(KESTORGetPointsPerFrame(state.handle(), takeCloud, nullptr, &got), KESTOR_STATUS_OK);
@@ -225,15 +226,32 @@ TEST(FrameClouds, DeviceMemoryFramesGiveNoPoints) {
     for (const Cloud& c : got.clouds) EXPECT_TRUE(c.points.empty());
 }
 
-TEST(FrameClouds, ExportStatuses) {
-    EngineState state(Camera().scaled(8, 6), 1, 3, 0);
+// Each row breaks one argument of a point-map export: its status, with no callback called.
+TEST(PointMapExports, BadArgumentsAreRefusedWithNothingCalled) {
+    EngineState state(3, Camera().scaled(8, 6), 1, 0);
+    state.addFrame(Frame{8, 6, std::vector<float>(48, 1.0f), std::vector<uint8_t>(144, 9)}, Pose());
+    void* h = state.handle();
+    const float points[6] = {0, 0, 0, 5, 5, 5};
     Received r;
-    for (auto call : {KESTORGetPointsPerFrame, KESTORFusePointsMap}) {
-        EXPECT_EQ(call(nullptr, takeCloud, note, &r), KESTOR_STATUS_NULL_INSTANCE);
-        EXPECT_EQ(call(state.handle(), nullptr, note, &r), KESTOR_STATUS_BAD_ARGUMENT);
+    std::vector<int> kept = {-1};
+    auto keep = [](const int* k, int count, void* user) { static_cast<std::vector<int>*>(user)->assign(k, k + count); };
+    const struct Row { const char* broken; std::function<int()> call; int status; } rows[] = {
+        {"GetPointsPerFrame: handle", [&] { return KESTORGetPointsPerFrame(nullptr, takeCloud, note, &r); }, 9},
+        {"GetPointsPerFrame: callback", [&] { return KESTORGetPointsPerFrame(h, nullptr, note, &r); }, 4},
+        {"FusePointsMap: handle", [&] { return KESTORFusePointsMap(nullptr, takeCloud, note, &r); }, 9},
+        {"FusePointsMap: callback", [&] { return KESTORFusePointsMap(h, nullptr, note, &r); }, 4},
+        {"OptimizePointsMap: handle", [&] { return KESTOROptimizePointsMap(nullptr, 0.05, 5, 0, takeCloud, note, &r); }, 9},
+        {"OptimizePointsMap: callback", [&] { return KESTOROptimizePointsMap(h, 0.05, 5, 0, nullptr, note, &r); }, 4},
+        {"VoxelFilter: points", [&] { return KESTORVoxelFilter(nullptr, 2, 1.0, keep, &kept); }, 4},
+        {"VoxelFilter: no points", [&] { return KESTORVoxelFilter(points, 0, 1.0, keep, &kept); }, 4},
+        {"VoxelFilter: negative count", [&] { return KESTORVoxelFilter(points, -3, 1.0, keep, &kept); }, 4},
+        {"VoxelFilter: 2^30 points, more floats than an int counts", [&] { return KESTORVoxelFilter(points, 1 << 30, 1.0, keep, &kept); }, 4},
+    };
+    for (const Row& row : rows) {
+        EXPECT_EQ(row.call(), row.status) << row.broken;
+        EXPECT_TRUE(r.percents.empty()) << row.broken;
+        EXPECT_TRUE(r.clouds.empty()) << row.broken;
+        EXPECT_EQ(kept, std::vector<int>({-1})) << row.broken;
     }
-    EXPECT_EQ(KESTOROptimizePointsMap(nullptr, 0.05, 5, 0, takeCloud, note, &r), KESTOR_STATUS_NULL_INSTANCE);
-    EXPECT_EQ(KESTOROptimizePointsMap(state.handle(), 0.05, 5, 0, nullptr, note, &r), KESTOR_STATUS_BAD_ARGUMENT);
-    EXPECT_TRUE(r.percents.empty());  // a failed check runs nothing
-    EXPECT_TRUE(r.clouds.empty());
+    EXPECT_EQ(KESTORVoxelFilter(points, 2, 1.0, nullptr, nullptr), KESTOR_STATUS_OK);  // no callback wanted
 }

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "kestor.h"
-#include "pointmap/engine_state.h"
+#include "support/engine_harness.h"
 #include "pointmap/point_map_refinement.h"
 
 using namespace kestor;
@@ -96,12 +96,12 @@ double fusedMapError(EngineState& state) {
         static_cast<Points*>(user)->p.assign(c->points, c->points + 3 * c->count);
     };
     KESTORFusePointsMap(state.handle(), take, nullptr, &got);
-    std::vector<RT_<double>> saved = framePoses(state.instance());
+    std::vector<RT_<double>> saved = recordPoses(state.engine());
     const RoomSequence& seq = room();
     for (size_t k = 0; k < saved.size(); ++k)
-        state.instance().frames[k]->pose = toRT(seq.truth[0].inverse() * seq.truth[k]);
+        state.engine().frames[k]->pose = toRT(seq.truth[0].inverse() * seq.truth[k]);
     KESTORFusePointsMap(state.handle(), take, nullptr, &truth);
-    for (size_t k = 0; k < saved.size(); ++k) state.instance().frames[k]->pose = saved[k];
+    for (size_t k = 0; k < saved.size(); ++k) state.engine().frames[k]->pose = saved[k];
     // Both in the first frame's coordinates.
     const Pose first = fromRT(saved[0]).inverse();
     std::vector<double> d;
@@ -116,33 +116,33 @@ double fusedMapError(EngineState& state) {
 }  // namespace
 
 TEST(PointMapRefinement, NoGroupsReportsZeroAndStops) {
-    EngineState state(room().camera, 2, 3, 0);
+    EngineState state(3, room().camera, 2, 0);
     for (int k = 0; k < 2; ++k) state.addFrame(room().frames[size_t(k)], room().truth[size_t(k)]);
-    const std::vector<RT_<double>> before = framePoses(state.instance());
+    const std::vector<RT_<double>> before = recordPoses(state.engine());
     Record run;
     testing::internal::CaptureStdout();
     EXPECT_EQ(KESTOROptimizePointsMap(state.handle(), 0.05, 5, 0, onCloud, onProgress, &run), KESTOR_STATUS_OK);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
     EXPECT_EQ(run.percents, std::vector<int>({0}));
     EXPECT_TRUE(run.ids.empty());
-    for (size_t k = 0; k < before.size(); ++k) EXPECT_EQ(poseGap(before[k], state.instance().frames[k]->pose), 0.0);
+    for (size_t k = 0; k < before.size(); ++k) EXPECT_EQ(poseGap(before[k], state.engine().frames[k]->pose), 0.0);
 }
 
 TEST(PointMapRefinement, OneGroupWithoutLevelIsOnlyRebasedOnItsFirstFrame) {
     // One group of four (groupSize 4, not full): no alignment between groups, and level -1 means
     // none inside; the poses are just rebased so that frame 0 is the origin.
-    EngineState state(room().camera, 2, 4, 0);
+    EngineState state(4, room().camera, 2, 0);
     const std::vector<Pose> start = perturbed(room());
     for (int k = 0; k < 4; ++k) state.addFrame(room().frames[size_t(k)], start[size_t(k)]);
     state.groupAndFinish();
-    ASSERT_EQ(state.instance().groups.size(), 1u);
+    ASSERT_EQ(state.engine().groups.size(), 1u);
     Record run;
     EXPECT_EQ(KESTOROptimizePointsMap(state.handle(), 0.05, 5, -1, onCloud, onProgress, &run), KESTOR_STATUS_OK);
     EXPECT_EQ(run.ids, std::vector<int>({0}));
     EXPECT_GT(run.counts[0], 4000);
     EXPECT_EQ(run.percents, std::vector<int>({0, 1, 70, 100}));
     for (int k = 0; k < 4; ++k)
-        EXPECT_LT(poseGap(state.instance().frames[size_t(k)]->pose, toRT(start[0].inverse() * start[size_t(k)])), 1e-12) << k;
+        EXPECT_LT(poseGap(state.engine().frames[size_t(k)]->pose, toRT(start[0].inverse() * start[size_t(k)])), 1e-12) << k;
 }
 
 TEST(PointMapRefinement, GroupCloudsCarryGrayAndColourAsTheInstanceKeepsThem) {
@@ -151,11 +151,11 @@ TEST(PointMapRefinement, GroupCloudsCarryGrayAndColourAsTheInstanceKeepsThem) {
     const Case cases[] = {{"mask and colour", 0, true, false, true}, {"gray maps", 8, true, true, true},
                           {"depth only", 3, true, false, false}, {"device memory", 4, false, false, false}};
     for (const Case& c : cases) {
-        EngineState state(room().camera, 2, 4, c.flags);
+        EngineState state(4, room().camera, 2, c.flags);
         for (int k = 0; k < 4; ++k) state.addFrame(room().frames[size_t(k)], room().truth[size_t(k)]);
         state.groupAndFinish();
         std::vector<size_t> sizes;  // points, normals, grays, colours
-        optimizePointsMap(state.instance(), 0.05, 3, 1,
+        optimizePointsMap(state.engine(), 0.05, 3, 1,
                           [&](int, const _Group&, const _PointCloud& cloud) {
                               sizes = {cloud.points.size() / 3, cloud.normals.size() / 3, cloud.grays.size(), cloud.colors.size() / 3};
                           },
@@ -171,14 +171,14 @@ TEST(PointMapRefinement, GroupCloudsCarryGrayAndColourAsTheInstanceKeepsThem) {
 TEST(PointMapRefinement, LevelOutOfRangeKeepsEachGroupRigidButStillAlignsGroups) {
     const std::vector<Pose> start = perturbed(room());
     for (int level : {-1, 2, 1}) {
-        EngineState state(room().camera, 2, 3, 0);
+        EngineState state(3, room().camera, 2, 0);
         fillRoom(state, start);
-        const std::vector<RT_<double>> before = framePoses(state.instance());
+        const std::vector<RT_<double>> before = recordPoses(state.engine());
         Record run;
         EXPECT_EQ(KESTOROptimizePointsMap(state.handle(), 0.04, 10, level, onCloud, onProgress, &run), KESTOR_STATUS_OK);
         EXPECT_EQ(run.ids, std::vector<int>({0, 1, 2, 3})) << level;
         for (int count : run.counts) EXPECT_GT(count, 4000) << level;
-        const std::vector<RT_<double>> after = framePoses(state.instance());
+        const std::vector<RT_<double>> after = recordPoses(state.engine());
         double withinGroups = 0, betweenGroups = 0;
         for (int g = 0; g < 3; ++g)
             for (int k = 1; k < 3; ++k) {
@@ -199,11 +199,11 @@ TEST(PointMapRefinement, LevelOutOfRangeKeepsEachGroupRigidButStillAlignsGroups)
 }
 
 TEST(PointMapRefinement, CancelAtAGroupStopsBeforeItAndSkipsTheRebase) {
-    EngineState state(room().camera, 2, 3, 0);
+    EngineState state(3, room().camera, 2, 0);
     fillRoom(state, perturbed(room()));
     state.setKeyFrame(0, 1);
     setVerbose(state, true);
-    const std::vector<RT_<double>> before = framePoses(state.instance());
+    const std::vector<RT_<double>> before = recordPoses(state.engine());
     Record run;
     run.cancelAt = 1 * 70 / 4 + 1;  // the call for group 1
     testing::internal::CaptureStdout();
@@ -215,7 +215,7 @@ TEST(PointMapRefinement, CancelAtAGroupStopsBeforeItAndSkipsTheRebase) {
     EXPECT_EQ(log.find("Group ID: 1"), std::string::npos);
     EXPECT_EQ(log.find("optimize point cloud starting"), std::string::npos);
     EXPECT_NE(log.find("[KESTOR INFO] Optimize point cloud finished.\n"), std::string::npos);
-    const std::vector<RT_<double>> after = framePoses(state.instance());
+    const std::vector<RT_<double>> after = recordPoses(state.engine());
     // Group 0 refined around its key frame (member 1), which keeps its pose; the rest untouched.
     EXPECT_LT(poseGap(after[1], before[1]), 1e-12);
     EXPECT_GT(poseGap(after[0], before[0]), 1e-3);
@@ -224,7 +224,7 @@ TEST(PointMapRefinement, CancelAtAGroupStopsBeforeItAndSkipsTheRebase) {
 }
 
 TEST(PointMapRefinement, AGroupWithoutPointsGivesAnEmptyCloud) {
-    EngineState state(room().camera, 2, 3, 0);
+    EngineState state(3, room().camera, 2, 0);
     fillRoom(state, perturbed(room()), 4);  // frames 4.. blank: group 1 has only its frame 3
     Record run;
     EXPECT_EQ(KESTOROptimizePointsMap(state.handle(), 0.04, 5, 0, onCloud, onProgress, &run), KESTOR_STATUS_OK);
@@ -237,10 +237,10 @@ TEST(PointMapRefinement, AGroupWithoutPointsGivesAnEmptyCloud) {
 }
 
 TEST(PointMapRefinement, ProgressLogAndWorkBlocks) {
-    EngineState state(room().camera, 2, 3, 0, tempPath("progress"));
+    EngineState state(3, room().camera, 2, 0, tempPath("progress"));
     fillRoom(state, perturbed(room()));
     setVerbose(state, true);
-    RGBDFusionImpl& f = state.instance();
+    RGBDFusionImpl& f = state.engine();
     const auto inUse = [](const BlockPool* pool) { return pool->carvedCount() - pool->freeCount(); };
     const size_t pyramids = inUse(f.pyramidPool), images = inUse(f.imagePool);
     Record run;
@@ -274,13 +274,13 @@ TEST(PointMapRefinement, GroupIterationsOfTwoTakeTwoFromTheLimitWithinGroups) {
     // One group, so only the alignment within it runs. groupIterations 2 with a limit of 3 must
     // equal any other setting with a limit of 1, and differ from a limit of 3.
     auto run = [](int groupIterations, int iterations) {
-        EngineState state(room().camera, 2, 4, 0);
+        EngineState state(4, room().camera, 2, 0);
         setVerbose(state, false, groupIterations);
         const std::vector<Pose> start = perturbed(room());
         for (int k = 0; k < 4; ++k) state.addFrame(room().frames[size_t(k)], start[size_t(k)]);
         state.groupAndFinish();
-        optimizePointsMap(state.instance(), 0.05, iterations, 0, GroupCloudFunc(), ProgressFunc());
-        return framePoses(state.instance());
+        optimizePointsMap(state.engine(), 0.05, iterations, 0, GroupCloudFunc(), ProgressFunc());
+        return recordPoses(state.engine());
     };
     const auto reduced = run(2, 3), one = run(10, 1), three = run(10, 3);
     for (size_t k = 1; k < 4; ++k) {
@@ -293,21 +293,21 @@ TEST(PointMapRefinement, BringsPosesAndTheFusedMapCloserToTheTruthSpilledOrNot) 
     const std::vector<Pose> start = perturbed(room());
     std::vector<std::vector<RT_<double>>> results;
     for (bool spill : {false, true}) {
-        EngineState state(room().camera, 2, 3, 0, spill ? tempPath("truth") : "");
+        EngineState state(3, room().camera, 2, 0, spill ? tempPath("truth") : "");
         fillRoom(state, start);
         state.setKeyFrame(0, 1);  // the first frame moves with the refinement of its group
-        const double ateBefore = trajectoryError(framePoses(state.instance()), room().truth);
+        const double ateBefore = trajectoryError(recordPoses(state.engine()), room().truth);
         const double mapBefore = fusedMapError(state);
         Record run;
         EXPECT_EQ(KESTOROptimizePointsMap(state.handle(), 0.04, 20, 1, onCloud, onProgress, &run), KESTOR_STATUS_OK);
-        const double ateAfter = trajectoryError(framePoses(state.instance()), room().truth);
+        const double ateAfter = trajectoryError(recordPoses(state.engine()), room().truth);
         const double mapAfter = fusedMapError(state);
         EXPECT_LT(ateAfter, 0.4 * ateBefore) << "spill " << spill;
         EXPECT_LT(mapAfter, 0.4 * mapBefore) << "spill " << spill;
         // The first group's first frame is the origin, and its group stays where it is.
-        EXPECT_LT(poseGap(state.instance().frames[0]->pose, RT_<double>::identity()), 1e-12);
+        EXPECT_LT(poseGap(state.engine().frames[0]->pose, RT_<double>::identity()), 1e-12);
         printf("ATE %.4f -> %.4f m, fused map median %.4f -> %.4f m\n", ateBefore, ateAfter, mapBefore, mapAfter);
-        results.push_back(framePoses(state.instance()));
+        results.push_back(recordPoses(state.engine()));
     }
     for (size_t k = 0; k < results[0].size(); ++k) EXPECT_LT(poseGap(results[0][k], results[1][k]), 1e-9) << k;
     std::remove(tempPath("truth").c_str());
