@@ -216,19 +216,10 @@ void PointIndex::nearestIn(const PointIndexNode* node, const float* q, float* ax
         return;
     }
     const int axis = node->division.divisionAxis;
-    const float v = q[axis];
-    const PointIndexNode* nearChild;
-    const PointIndexNode* farChild;
-    float cut;
-    if ((node->division.divisionLow + node->division.divisionHigh) * 0.5f > v) {
-        nearChild = node->child1;
-        farChild = node->child2;
-        cut = v - node->division.divisionHigh;
-    } else {
-        nearChild = node->child2;
-        farChild = node->child1;
-        cut = v - node->division.divisionLow;
-    }
+    const SplitSides sides = splitSides(*node, q[axis]);
+    const PointIndexNode* nearChild = sides.nearChild;
+    const PointIndexNode* farChild = sides.farChild;
+    const float cut = sides.cut;
     nearestIn(nearChild, q, axisDistances, minDistanceSq, radiusSq, margin, best, position);
     const float old = axisDistances[axis];
     const float cutSq = cut * cut;
@@ -272,19 +263,10 @@ void PointIndex::allIn(const PointIndexNode* node, const float* q, float* axisDi
         return;
     }
     const int axis = node->division.divisionAxis;
-    const float v = q[axis];
-    const PointIndexNode* nearChild;
-    const PointIndexNode* farChild;
-    float cut;
-    if ((node->division.divisionLow + node->division.divisionHigh) * 0.5f > v) {
-        nearChild = node->child1;
-        farChild = node->child2;
-        cut = v - node->division.divisionHigh;
-    } else {
-        nearChild = node->child2;
-        farChild = node->child1;
-        cut = v - node->division.divisionLow;
-    }
+    const SplitSides sides = splitSides(*node, q[axis]);
+    const PointIndexNode* nearChild = sides.nearChild;
+    const PointIndexNode* farChild = sides.farChild;
+    const float cut = sides.cut;
     allIn(nearChild, q, axisDistances, minDistanceSq, radiusSq, outPositions, outDistancesSq);
     const float old = axisDistances[axis];
     const float cutSq = cut * cut;

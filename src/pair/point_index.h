@@ -9,6 +9,19 @@
 
 namespace kestor {
 
+// The child on the query's side of a split, the other one, and the signed distance on the split
+// axis from the query's coordinate v to the far child's limit.
+struct SplitSides {
+    const PointIndexNode* nearChild;
+    const PointIndexNode* farChild;
+    float cut;
+};
+inline SplitSides splitSides(const PointIndexNode& node, float v) {
+    if ((node.division.divisionLow + node.division.divisionHigh) * 0.5f > v)
+        return SplitSides{node.child1, node.child2, v - node.division.divisionHigh};
+    return SplitSides{node.child2, node.child1, v - node.division.divisionLow};
+}
+
 class PointIndex {
 public:
     // Indexes the points of `points` (x, y, z per point, packed) whose coordinates are not NaN.
@@ -88,20 +101,10 @@ void PointIndex::query(const PointIndexNode* node, const float* q, float* axisDi
         return;
     }
     const int axis = node->division.divisionAxis;
-    const float v = q[axis];
-    const PointIndexNode* nearChild;
-    const PointIndexNode* farChild;
-    float cut;
-    // The cut measures to the far child's limit on the split axis.
-    if ((node->division.divisionLow + node->division.divisionHigh) * 0.5f > v) {
-        nearChild = node->child1;
-        farChild = node->child2;
-        cut = v - node->division.divisionHigh;
-    } else {
-        nearChild = node->child2;
-        farChild = node->child1;
-        cut = v - node->division.divisionLow;
-    }
+    const SplitSides sides = splitSides(*node, q[axis]);
+    const PointIndexNode* nearChild = sides.nearChild;
+    const PointIndexNode* farChild = sides.farChild;
+    const float cut = sides.cut;
     query(nearChild, q, axisDistances, minDistanceSq, add, bound);
     const float old = axisDistances[axis];
     const float cutSq = cut * cut;
