@@ -191,28 +191,36 @@ int PointIndex::nearestWithin(const float* q, float radiusSq) const {
     return position;
 }
 
+template <typename Limit, typename OnPoint>
+void PointIndex::scanLeaf(const PointIndexNode* node, const float* q, Limit limit,
+                          OnPoint onPoint) const {
+    const int left = node->leaf.left, count = node->leaf.right - left;
+    const float* xs = leafCoordinates_.data() + left;
+    for (int i = 0; i < count; i += kLanes) {
+        const __m256 d = distancesSq(xs + i, xs + axisStride_ + i, xs + 2 * axisStride_ + i, q);
+        const __m256 nearer = _mm256_cmp_ps(_mm256_set1_ps(limit()), d, _CMP_GT_OQ);
+        unsigned mask = unsigned(_mm256_movemask_ps(_mm256_and_ps(nearer, firstLanes(count - i))));
+        if (mask == 0) continue;
+        alignas(32) float ds[kLanes];
+        _mm256_store_ps(ds, d);
+        for (; mask != 0; mask &= mask - 1) {
+            const int k = __builtin_ctz(mask);
+            onPoint(indices_[size_t(left + i + k)], ds[k]);
+        }
+    }
+}
+
 void PointIndex::nearestIn(const PointIndexNode* node, const float* q, float* axisDistances,
                            float minDistanceSq, float radiusSq, float margin, float& best,
                            int& position) const {
     if (node->isLeaf()) {
-        const int left = node->leaf.left, count = node->leaf.right - left;
-        const float* xs = leafCoordinates_.data() + left;
-        for (int i = 0; i < count; i += kLanes) {
-            const __m256 d = distancesSq(xs + i, xs + axisStride_ + i, xs + 2 * axisStride_ + i, q);
-            const __m256 closer = _mm256_cmp_ps(_mm256_set1_ps(best), d, _CMP_GT_OQ);
-            unsigned mask = unsigned(_mm256_movemask_ps(_mm256_and_ps(closer, firstLanes(count - i))));
-            if (mask == 0) continue;
-            alignas(32) float ds[kLanes];
-            _mm256_store_ps(ds, d);
-            // In point order, so that the first of equal distances stays.
-            for (; mask != 0; mask &= mask - 1) {
-                const int k = __builtin_ctz(mask);
-                if (best > ds[k]) {
-                    best = ds[k];
-                    position = indices_[size_t(left + i + k)];
-                }
+        // In point order, so that the first of equal distances stays.
+        scanLeaf(node, q, [&best] { return best; }, [&](int at, float distanceSq) {
+            if (best > distanceSq) {
+                best = distanceSq;
+                position = at;
             }
-        }
+        });
         return;
     }
     const int axis = node->division.divisionAxis;
@@ -245,21 +253,10 @@ void PointIndex::allIn(const PointIndexNode* node, const float* q, float* axisDi
                        float minDistanceSq, float radiusSq, std::vector<int>& outPositions,
                        std::vector<float>& outDistancesSq) const {
     if (node->isLeaf()) {
-        const int left = node->leaf.left, count = node->leaf.right - left;
-        const float* xs = leafCoordinates_.data() + left;
-        for (int i = 0; i < count; i += kLanes) {
-            const __m256 d = distancesSq(xs + i, xs + axisStride_ + i, xs + 2 * axisStride_ + i, q);
-            const __m256 within = _mm256_cmp_ps(_mm256_set1_ps(radiusSq), d, _CMP_GT_OQ);
-            unsigned mask = unsigned(_mm256_movemask_ps(_mm256_and_ps(within, firstLanes(count - i))));
-            if (mask == 0) continue;
-            alignas(32) float ds[kLanes];
-            _mm256_store_ps(ds, d);
-            for (; mask != 0; mask &= mask - 1) {
-                const int k = __builtin_ctz(mask);
-                outPositions.push_back(indices_[size_t(left + i + k)]);
-                outDistancesSq.push_back(ds[k]);
-            }
-        }
+        scanLeaf(node, q, [radiusSq] { return radiusSq; }, [&](int at, float distanceSq) {
+            outPositions.push_back(at);
+            outDistancesSq.push_back(distanceSq);
+        });
         return;
     }
     const int axis = node->division.divisionAxis;

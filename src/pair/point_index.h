@@ -61,6 +61,10 @@ public:
 private:
     // The fast walks behind the two adapters. They visit the tree as query() does and read the
     // coordinates from the leaf copies below.
+    // Calls onPoint(position, distanceSq), in point order, for each point of a leaf nearer to q
+    // than limit(), which is read afresh for each run of eight points.
+    template <typename Limit, typename OnPoint>
+    void scanLeaf(const PointIndexNode* node, const float* q, Limit limit, OnPoint onPoint) const;
     void nearestIn(const PointIndexNode* node, const float* q, float* axisDistances,
                    float minDistanceSq, float radiusSq, float margin, float& best,
                    int& position) const;
