@@ -20,6 +20,7 @@
 #include "io/png_image.h"
 #include "io/rgbd_sequence.h"
 #include "kestor.h"
+#include "peak_resident.h"
 
 namespace {
 
@@ -94,19 +95,6 @@ bool sequentialOnly(const KESTORFrameInfo*, const KESTORFrameInfo*, double rt[3]
     return kind == KESTOR_MATCH_SEQUENTIAL;
 }
 
-long peakResidentKb() {
-    std::ifstream in("/proc/self/status");
-    std::string key;
-    long value = 0;
-    while (in >> key) {
-        if (key == "VmHWM:") {
-            in >> value;
-            return value;
-        }
-        in.ignore(4096, '\n');
-    }
-    return 0;
-}
 
 void BM_EngineSustained(benchmark::State& state) {
     const int width = int(state.range(0)), frames = int(state.range(1));

@@ -19,6 +19,7 @@
 #include <open3d/Open3D.h>
 
 #include "kestor.h"
+#include "../peak_resident.h"
 
 namespace {
 
@@ -207,20 +208,6 @@ void BM_Open3DOdometry(benchmark::State& state) {
     }
 }
 
-// Resident memory high-water mark in kB.
-long peakResidentKb() {
-    std::ifstream in("/proc/self/status");
-    std::string key;
-    long value = 0;
-    while (in >> key) {
-        if (key == "VmHWM:") {
-            in >> value;
-            return value;
-        }
-        in.ignore(4096, '\n');
-    }
-    return 0;
-}
 
 // All frames added at once to one worker, so they pile up between intake and tracking: the
 // growth of the high-water mark per frame is the memory a frame holds in flight (its image and
