@@ -304,8 +304,8 @@ void associateColored(const Intrinsics& k, const TargetMaps& target, const Float
         const LaneMap gl = laneMap(target.gray), xl = laneMap(target.gradX),
                       yl = laneMap(target.gradY);
         const __m256 cosLimit = _mm256_set1_ps(floatBelowOrAt(limits.cosMaxAngle));
-        __m256d count = _mm256_setzero_pd();
-        __m256d sums[4] = {count, count, count, count};  // rg, rc, rg^2, rc^2
+        const __m256d none = _mm256_setzero_pd();
+        __m256d sums[4] = {none, none, none, none};  // rg, rc, rg^2, rc^2
         auto addWidened = [](__m256d& sum, __m256 v) {
             sum = _mm256_add_pd(sum, _mm256_cvtps_pd(_mm256_castps256_ps128(v)));
             sum = _mm256_add_pd(sum, _mm256_cvtps_pd(_mm256_extractf128_ps(v, 1)));
