@@ -213,32 +213,17 @@ void PointIndex::scanLeaf(const PointIndexNode* node, const float* q, Limit limi
 void PointIndex::nearestIn(const PointIndexNode* node, const float* q, float* axisDistances,
                            float minDistanceSq, float radiusSq, float margin, float& best,
                            int& position) const {
-    if (node->isLeaf()) {
-        // In point order, so that the first of equal distances stays.
-        scanLeaf(node, q, [&best] { return best; }, [&](int at, float distanceSq) {
+    // In point order, so that the first of equal distances stays.
+    auto leaf = [&](const PointIndexNode* at) {
+        scanLeaf(at, q, [&best] { return best; }, [&](int found, float distanceSq) {
             if (best > distanceSq) {
                 best = distanceSq;
-                position = at;
+                position = found;
             }
         });
-        return;
-    }
-    const int axis = node->division.divisionAxis;
-    const SplitSides sides = splitSides(*node, q[axis]);
-    const PointIndexNode* nearChild = sides.nearChild;
-    const PointIndexNode* farChild = sides.farChild;
-    const float cut = sides.cut;
-    nearestIn(nearChild, q, axisDistances, minDistanceSq, radiusSq, margin, best, position);
-    const float old = axisDistances[axis];
-    const float cutSq = cut * cut;
-    const float farDistanceSq = minDistanceSq + cutSq - old;
-    float bound = radiusSq;
-    if (best + margin < bound) bound = best + margin;
-    if (bound >= farDistanceSq) {
-        axisDistances[axis] = cutSq;
-        nearestIn(farChild, q, axisDistances, farDistanceSq, radiusSq, margin, best, position);
-        axisDistances[axis] = old;
-    }
+    };
+    auto farBound = [&] { return best + margin < radiusSq ? best + margin : radiusSq; };
+    descend(node, q, axisDistances, minDistanceSq, leaf, farBound);
 }
 
 void PointIndex::allWithin(const float* q, float radiusSq, std::vector<int>& outPositions,
@@ -252,27 +237,14 @@ void PointIndex::allWithin(const float* q, float radiusSq, std::vector<int>& out
 void PointIndex::allIn(const PointIndexNode* node, const float* q, float* axisDistances,
                        float minDistanceSq, float radiusSq, std::vector<int>& outPositions,
                        std::vector<float>& outDistancesSq) const {
-    if (node->isLeaf()) {
-        scanLeaf(node, q, [radiusSq] { return radiusSq; }, [&](int at, float distanceSq) {
-            outPositions.push_back(at);
+    auto leaf = [&](const PointIndexNode* at) {
+        scanLeaf(at, q, [radiusSq] { return radiusSq; }, [&](int found, float distanceSq) {
+            outPositions.push_back(found);
             outDistancesSq.push_back(distanceSq);
         });
-        return;
-    }
-    const int axis = node->division.divisionAxis;
-    const SplitSides sides = splitSides(*node, q[axis]);
-    const PointIndexNode* nearChild = sides.nearChild;
-    const PointIndexNode* farChild = sides.farChild;
-    const float cut = sides.cut;
-    allIn(nearChild, q, axisDistances, minDistanceSq, radiusSq, outPositions, outDistancesSq);
-    const float old = axisDistances[axis];
-    const float cutSq = cut * cut;
-    const float farDistanceSq = minDistanceSq + cutSq - old;
-    if (radiusSq >= farDistanceSq) {
-        axisDistances[axis] = cutSq;
-        allIn(farChild, q, axisDistances, farDistanceSq, radiusSq, outPositions, outDistancesSq);
-        axisDistances[axis] = old;
-    }
+    };
+    auto farBound = [radiusSq] { return radiusSq; };
+    descend(node, q, axisDistances, minDistanceSq, leaf, farBound);
 }
 
 }  // namespace kestor

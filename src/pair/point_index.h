@@ -61,6 +61,11 @@ public:
 private:
     // The fast walks behind the two adapters. They visit the tree as query() does and read the
     // coordinates from the leaf copies below.
+    // The walk every search shares: a leaf goes to onLeaf(node); the near child is visited first
+    // and the far one only while farBound() reaches the far side's distance from q.
+    template <typename OnLeaf, typename FarBound>
+    void descend(const PointIndexNode* node, const float* q, float* axisDistances,
+                 float minDistanceSq, OnLeaf& onLeaf, FarBound& farBound) const;
     // Calls onPoint(position, distanceSq), in point order, for each point of a leaf nearer to q
     // than limit(), which is read afresh for each run of eight points.
     template <typename Limit, typename OnPoint>
@@ -90,32 +95,40 @@ private:
     size_t axisStride_ = 0;
 };
 
+template <typename OnLeaf, typename FarBound>
+void PointIndex::descend(const PointIndexNode* node, const float* q, float* axisDistances,
+                         float minDistanceSq, OnLeaf& onLeaf, FarBound& farBound) const {
+    if (node->isLeaf()) {
+        onLeaf(node);
+        return;
+    }
+    const int axis = node->division.divisionAxis;
+    const SplitSides sides = splitSides(*node, q[axis]);
+    descend(sides.nearChild, q, axisDistances, minDistanceSq, onLeaf, farBound);
+    const float old = axisDistances[axis];
+    const float cutSq = sides.cut * sides.cut;
+    const float farDistanceSq = minDistanceSq + cutSq - old;
+    if (farBound() >= farDistanceSq) {
+        axisDistances[axis] = cutSq;
+        descend(sides.farChild, q, axisDistances, farDistanceSq, onLeaf, farBound);
+        axisDistances[axis] = old;
+    }
+}
+
 template <typename Add, typename Bound>
 void PointIndex::query(const PointIndexNode* node, const float* q, float* axisDistances,
                        float minDistanceSq, Add&& add, Bound&& bound) const {
-    if (node->isLeaf()) {
+    auto leaf = [&](const PointIndexNode* at) {
         const float limit = bound();
-        for (int i = node->leaf.left; i < node->leaf.right; ++i) {
+        for (int i = at->leaf.left; i < at->leaf.right; ++i) {
             const int position = indices_[i];
             const float* p = points_ + 3 * position;
             const float dx = q[0] - p[0], dy = q[1] - p[1], dz = q[2] - p[2];
             const float distanceSq = (dx * dx + dy * dy) + dz * dz;
             if (limit > distanceSq) add(position, distanceSq);
         }
-        return;
-    }
-    const int axis = node->division.divisionAxis;
-    const SplitSides sides = splitSides(*node, q[axis]);
-    const PointIndexNode* nearChild = sides.nearChild;
-    const PointIndexNode* farChild = sides.farChild;
-    const float cut = sides.cut;
-    query(nearChild, q, axisDistances, minDistanceSq, add, bound);
-    const float old = axisDistances[axis];
-    const float cutSq = cut * cut;
-    const float farDistanceSq = minDistanceSq + cutSq - old;
-    axisDistances[axis] = cutSq;
-    if (bound() >= farDistanceSq) query(farChild, q, axisDistances, farDistanceSq, add, bound);
-    axisDistances[axis] = old;
+    };
+    descend(node, q, axisDistances, minDistanceSq, leaf, bound);
 }
 
 }  // namespace kestor
