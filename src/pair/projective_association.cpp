@@ -97,6 +97,16 @@ inline __m256 nonZeroNormal(const Lanes3& n) {
     return _mm256_or_ps(_mm256_or_ps(nonZero(n.x), nonZero(n.y)), nonZero(n.z));
 }
 
+// The gates after the pixel, for eight lanes in `ok`: target vertex, target normal, distance
+// (d = p' - q) and angle between n and the moved source normal m.
+inline __m256 pairGateLanes(__m256 ok, const Lanes3& q, const Lanes3& n, const Lanes3& m,
+                            const Lanes3& d, double maxDistanceSquared, __m256 cosLimit) {
+    ok = _mm256_and_ps(ok, _mm256_cmp_ps(q.z, _mm256_setzero_ps(), _CMP_GT_OQ));
+    ok = _mm256_and_ps(ok, nonZeroNormal(n));
+    ok = _mm256_and_ps(ok, withinDistance(d, maxDistanceSquared));
+    return _mm256_and_ps(ok, _mm256_cmp_ps(dotLanes(n, m), cosLimit, _CMP_GT_OQ));
+}
+
 }  // namespace
 
 void compactPoints(const ImageView<const Float3>& vmap, CompactSource& s) {
@@ -244,12 +254,9 @@ void associatePlane(const Intrinsics& k, const TargetMaps& target, const Compact
             const Lanes3 n = gatherLanes3(nl, no, ok);
             prefetchAhead(vl, vo, ok, kPrefetchPixels);
             prefetchAhead(nl, no, ok, kPrefetchPixels);
-            ok = _mm256_and_ps(ok, _mm256_cmp_ps(q.z, _mm256_setzero_ps(), _CMP_GT_OQ));
-            ok = _mm256_and_ps(ok, nonZeroNormal(n));
-            const Lanes3 d = differenceLanes(p, q);
-            ok = _mm256_and_ps(ok, withinDistance(d, limits.maxDistanceSquared));
             const Lanes3 m = rotateLanes(pose, loadLanes(&source.normals[size_t(i)]));
-            ok = _mm256_and_ps(ok, _mm256_cmp_ps(dotLanes(n, m), cosLimit, _CMP_GT_OQ));
+            const Lanes3 d = differenceLanes(p, q);
+            ok = pairGateLanes(ok, q, n, m, d, limits.maxDistanceSquared, cosLimit);
 
             storeFlags(&pairs.matchFlags[size_t(i)], ok);
             storeLanes(&pairs.pairPoints[size_t(i)], q);
@@ -336,12 +343,9 @@ void associateColored(const Intrinsics& k, const TargetMaps& target, const Float
             prefetchAhead(gl, go, ok, kPrefetchPixels);
             prefetchAhead(xl, xo, ok, kPrefetchPixels);
             prefetchAhead(yl, yo, ok, kPrefetchPixels);
-            ok = _mm256_and_ps(ok, _mm256_cmp_ps(q.z, _mm256_setzero_ps(), _CMP_GT_OQ));
-            ok = _mm256_and_ps(ok, nonZeroNormal(n));
             const Lanes3 d = differenceLanes(p, q);
-            ok = _mm256_and_ps(ok, withinDistance(d, limits.maxDistanceSquared));
-            const Lanes3 m = loadLanes(movedNormals + i);
-            ok = _mm256_and_ps(ok, _mm256_cmp_ps(dotLanes(n, m), cosLimit, _CMP_GT_OQ));
+            ok = pairGateLanes(ok, q, n, loadLanes(movedNormals + i), d, limits.maxDistanceSquared,
+                               cosLimit);
 
             const size_t j = size_t(i);
             storeFlags(&pairs.matchFlags[j], ok);
