@@ -184,11 +184,11 @@ double calcVmapMatchScore(const ImageView<const Float3>& vmap1, const ImageView<
                                                  _mm256_cmp_ps(sv, _mm256_set1_ps(float(H)), _CMP_LT_OQ)));
             if (_mm256_movemask_ps(ok) == 0) continue;
             const __m256i iu = _mm256_cvttps_epi32(su), iv = _mm256_cvttps_epi32(sv);
-            const Lanes3 q = gatherLanes3(vl, laneOffsets(vl, iu, iv), ok);
+            const Lanes3 q = loadLanes3(vl, laneOffsets(vl, iu, iv), ok);
             ok = _mm256_and_ps(ok, _mm256_cmp_ps(q.z, zero, _CMP_NEQ_UQ));
             Lanes3 n{zero, zero, zero};
             if (useNormals) {
-                n = gatherLanes3(nl, laneOffsets(nl, iu, iv), ok);
+                n = loadLanes3(nl, laneOffsets(nl, iu, iv), ok);
                 ok = _mm256_and_ps(ok, _mm256_or_ps(_mm256_or_ps(nonZero(n.x), nonZero(n.y)), nonZero(n.z)));
             }
             // The differences in float, squared and summed in double, below the float limit.

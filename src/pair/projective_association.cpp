@@ -250,8 +250,8 @@ void associatePlane(const Intrinsics& k, const TargetMaps& target, const Compact
             // Every read of a pixel inside the map is issued at once, so that the cache misses
             // of the two maps overlap; the vertex and normal gates are applied afterwards.
             const __m256i vo = laneOffsets(vl, iu, iv), no = laneOffsets(nl, iu, iv);
-            const Lanes3 q = gatherLanes3(vl, vo, ok);
-            const Lanes3 n = gatherLanes3(nl, no, ok);
+            const Lanes3 q = loadLanes3(vl, vo, ok);
+            const Lanes3 n = loadLanes3(nl, no, ok);
             prefetchAhead(vl, vo, ok, kPrefetchPixels);
             prefetchAhead(nl, no, ok, kPrefetchPixels);
             const Lanes3 m = rotateLanes(pose, loadLanes(&source.normals[size_t(i)]));
@@ -333,8 +333,8 @@ void associateColored(const Intrinsics& k, const TargetMaps& target, const Float
             const __m256i vo = laneOffsets(vl, iu, iv), no = laneOffsets(nl, iu, iv),
                           go = laneOffsets(gl, iu, iv), xo = laneOffsets(xl, iu, iv),
                           yo = laneOffsets(yl, iu, iv);
-            const Lanes3 q = gatherLanes3(vl, vo, ok);
-            const Lanes3 n = gatherLanes3(nl, no, ok);
+            const Lanes3 q = loadLanes3(vl, vo, ok);
+            const Lanes3 n = loadLanes3(nl, no, ok);
             const __m256 g = gatherLanes(gl, go, ok);
             const __m256 gx = gatherLanes(xl, xo, ok);
             const __m256 gy = gatherLanes(yl, yo, ok);
