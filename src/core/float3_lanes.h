@@ -167,7 +167,8 @@ inline Lanes3 gatherLanes3(const LaneMap& map, __m256i offsets, __m256 mask) {
 // about as slow as its eight loads one by one, and three of them read each pixel three times.
 // A lane reads one float past its element, so when some lane's read would pass the end of the
 // map the gathers are used instead. Lanes outside `mask` read element 0 and are cleared.
-inline Lanes3 loadLanes3(const LaneMap& map, __m256i offsets, __m256 mask) {
+__attribute__((always_inline)) inline Lanes3 loadLanes3(const LaneMap& map, __m256i offsets,
+                                                       __m256 mask) {
     const __m256i kept = _mm256_and_si256(offsets, _mm256_castps_si256(mask));
     const __m256i past = _mm256_cmpgt_epi32(kept, _mm256_set1_epi32(map.readable - 4));
     if (map.readable < 4 || !_mm256_testz_si256(past, past)) return gatherLanes3(map, offsets, mask);
@@ -196,8 +197,9 @@ inline __m256 flagLanes(const uint8_t* flags) {
 
 // A float-lane mask as eight byte flags, 1 where set.
 inline void storeFlags(uint8_t* flags, __m256 mask) {
-    const int bits = _mm256_movemask_ps(mask);
-    for (int k = 0; k < 8; ++k) flags[k] = uint8_t((bits >> k) & 1);
+    const __m256i ones = _mm256_and_si256(_mm256_castps_si256(mask), _mm256_set1_epi32(1));
+    const __m128i words = _mm_packs_epi32(_mm256_castsi256_si128(ones), _mm256_extracti128_si256(ones, 1));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(flags), _mm_packs_epi16(words, words));
 }
 
 inline __m256 zeroOutside(__m256 v, __m256 mask) { return _mm256_and_ps(v, mask); }
