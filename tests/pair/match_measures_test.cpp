@@ -206,5 +206,12 @@ TEST(MatchInfoExports, BadArgumentsWriteNothing) {
         EXPECT_TRUE(b > 4 || KESTORCalcVmapSelfMatchInfo(cut(b, 0, v), cut(b, 3, 8), cut(b, 4, 6),
                                                          cut(b, 1, rt), cut(b, 2, i)) == 4) << b;
     }
+    // Sizes whose products overflow an int, and point counts whose floats do.
+    for (const auto& size : {std::make_pair(70000, 70000), {30000, 30000}, {1 << 28, 1}}) {
+        EXPECT_EQ(KESTORCalcVmapMatchInfo(v, v, v, v, size.first, size.second, K, rt, i, 1, 1, 0), 4);
+        EXPECT_EQ(KESTORCalcVmapSelfMatchInfo(v, size.first, size.second, rt, i), 4);
+    }
+    EXPECT_EQ(KESTORCalcPointMatchInfo(v, v, 1 << 30, v, v, 8, rt, i, 1, 1, 0), 4);
+    EXPECT_EQ(KESTORCalcPointMatchInfo(v, v, 8, v, v, 1 << 30, rt, i, 1, 1, 0), 4);
     EXPECT_EQ(info, std::vector<double>(36, kSentinel));
 }

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <vector>
 
@@ -273,6 +274,26 @@ TEST(PairEntries, BadArgumentsReturnFourWithNothingWrittenAndNoProgress) {
                       b == 8 ? 3 : cut(b, 4, s.w), s.h, cut(b, 5, K), cut(b, 6, r), i,
                       cut(b, 1, its), cut(b, 2, dist), cut(b, 3, kLevels), 1.57, 0.3, 0.5, false,
                       false, countCalls, nullptr), 4) << b;
+    // Sizes whose products overflow an int (pixels, pixels times three, a row's bytes) and, with
+    // no camera, point counts whose floats do: refused although the buffers are far smaller.
+    for (const std::array<int, 2>& size : std::vector<std::array<int, 2>>{
+             {70000, 70000}, {30000, 30000}, {1 << 28, 1}, {1 << 30, 8}, {8, 1 << 30}}) {
+        const int w = size[0], h = size[1];
+        const bool points = w == 8 || h == 8;
+        EXPECT_EQ(KESTORMatchPair(v, s.n1[0], s.g1[0], v, s.n2[0], s.g2[0], size.data(),
+                                  points ? nullptr : K, r, i, 5, 0.3, 1.57, 0.3, 0.5, false, false,
+                                  countCalls, nullptr), 4) << w << " x " << h;
+        if (points) continue;
+        EXPECT_EQ(KESTORMatchPairDepth(d, nullptr, nullptr, d, nullptr, nullptr, w, h, K, r, i, 5,
+                                       0.3, 1.57, 0.3, 0.5, false, false, countCalls, nullptr), 4);
+        EXPECT_EQ(KESTORMatchPairVmapNmap(v, s.n1[0], s.g1[0], s.gx1[0], s.gx1[0], v, s.n2[0],
+                                          s.g2[0], w, h, K, r, i, 5, 0.3, 1.57, 0.3, 0.5, false,
+                                          false, countCalls, nullptr), 4);
+        EXPECT_EQ(KESTORMatchPairVmapNmapPyramid(s.v1.data(), s.n1.data(), nullptr, nullptr, nullptr,
+                                                 s.v2.data(), s.n2.data(), nullptr, w, h, K, r, i,
+                                                 its, dist, 1, 1.57, 0.3, 0.5, false, false,
+                                                 countCalls, nullptr), 4);
+    }
     EXPECT_EQ(calls, 0);
     EXPECT_EQ(rt, std::vector<double>(12, 7.0));
     EXPECT_EQ(info, std::vector<double>(36, 7.0));
