@@ -4,7 +4,6 @@
 #include <cmath>
 #include <limits>
 #include <random>
-#include <thread>
 #include <vector>
 
 #include "pair/point_index.h"
@@ -177,29 +176,6 @@ TEST(PointIndex, ExactRadiusAndTheBoxDistance) {
     float axis[3];
     EXPECT_EQ(index.boxDistanceSq(far, axis), 10.0f);
     EXPECT_EQ(std::vector<float>(axis, axis + 3), (std::vector<float>{9.0f, 0.0f, 1.0f}));
-}
-
-TEST(PointIndex, ConcurrentQueriesGiveTheSameAnswers) {
-    std::mt19937 rng(7);
-    const int n = 20000, m = 2000;
-    const auto points = randomPoints(rng, n, 0.0f, 1.0f), queries = randomPoints(rng, m, -0.1f, 1.1f);
-    PointIndex index(points.data(), n, 10);
-    std::vector<std::vector<int>> results(5, std::vector<int>(2 * size_t(m)));
-    auto work = [&](size_t t) {
-        std::vector<int> pos;
-        std::vector<float> dist;
-        for (size_t k = 0; k < size_t(m); ++k) {
-            results[t][2 * k] = index.nearestWithin(&queries[3 * k], 0.03f * 0.03f);
-            pos.clear(), dist.clear();
-            index.allWithin(&queries[3 * k], 0.03f * 0.03f, pos, dist);
-            results[t][2 * k + 1] = int(pos.size());
-        }
-    };
-    work(4);
-    std::vector<std::thread> threads;
-    for (size_t t = 0; t < 4; ++t) threads.emplace_back(work, t);
-    for (auto& th : threads) th.join();
-    for (size_t t = 0; t < 4; ++t) EXPECT_EQ(results[t], results[4]);
 }
 
 TEST(NodePool, LastIndexToGoFreesEveryBlock) {

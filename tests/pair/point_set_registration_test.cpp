@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdio>
 #include <fstream>
 #include <limits>
 #include <memory>
@@ -128,39 +127,15 @@ TEST(PointSetRegistration, SerialAndParallelFormsAgreeExactly) {
     }
 }
 
-// The loop solves for both sides' corrections, which leaves a gauge: B T A = T whenever
-// B = T D T^-1 and A = D^-1. Mirroring the cross block from its upper triangle breaks that null
-// space except where the block is symmetric anyway. By smallest over largest singular value: at
-// the identity all three systems are singular to rounding; with R = I and a translation, point
-// to point and point to plane still are, the coloured one is not; at a general rotation all are
-// regular.
-//
-// From the exact identity, then, the plane and coloured solves give NaN (target and source rows
-// are exact negatives), the NaN step passes both tests and is written, and the next iteration
-// matches nothing: false, NaN pose. Point to point gets a huge finite step, which its trial
-// error rejects: true, pose unchanged.
+// The loop solves for both sides' corrections, which leaves a gauge (B T A = T whenever
+// B = T D T^-1 and A = D^-1) that only a rotation in T breaks, the cross block being mirrored
+// from its upper triangle. From the exact identity, then, the plane and coloured solves give NaN,
+// the NaN step passes both tests and is written, and the next iteration matches nothing: false,
+// NaN pose. Point to point gets a huge finite step, which its trial error rejects: true, pose
+// unchanged. With R = I and a translation the coloured system alone is regular.
 TEST(PointSetRegistration, TheTwelveParameterSystemIsSingularWithoutRotation) {
     const RegistrationCase& c = surfaceCase();
-    auto conditioning = [&](Matcher m, const Pose& at) {
-        PointLinearization lin;
-        ColoredWeights w;
-        c.linearize(m, floatPose(at), lin, w);
-        using Block = Eigen::Map<const Eigen::Matrix<double, 6, 6, Eigen::RowMajor>>;
-        Eigen::Matrix<double, 12, 12> H;
-        H << Block(lin.hessianTT), Block(lin.hessianTS), Block(lin.hessianTS).transpose(),
-            Block(lin.hessianSS);
-        const auto sv = Eigen::JacobiSVD<Eigen::Matrix<double, 12, 12>>(H).singularValues();
-        return sv(11) / sv(0);
-    };
     const Pose shifted = makeMotion(0, 0, 0, 0.03, -0.02, 0.04);
-    for (Matcher m : {ToPoint, ToPlane, Colored}) {
-        EXPECT_LT(conditioning(m, Pose()), 1e-14) << m;
-        if (m == Colored)
-            EXPECT_GT(conditioning(m, shifted), 1e-5);
-        else
-            EXPECT_LT(conditioning(m, shifted), 1e-14) << m;
-        EXPECT_GT(conditioning(m, c.truth), 1e-4) << m;
-    }
     const std::vector<double> identity = Pose().matrix();
     for (Matcher m : {ToPlane, Colored}) {
         for (int iterations : {30, 1}) {  // with one iteration the NaN step is the result
@@ -265,9 +240,6 @@ TEST(PointSetRegistration, RealScanWithKnownMotion) {
         ASSERT_EQ(c.run(m, pose), 0) << m;
         const double angle = angleTo(pose, truth);
         const double shift = shiftTo(pose, truth);
-        std::printf("frag_115 matcher %d: %.4f deg, %.2f mm (start %.2f deg, %.1f mm)\n", m,
-                    angle * 180 / M_PI, shift * 1e3, rotationError(start, truth) * 180 / M_PI,
-                    translationError(start, truth) * 1e3);
         // The scan is nearly flat: the tangent-plane terms leave the in-plane motion free, and
         // the two-sided steps drift along it, while point to point still improves.
         if (m == ToPoint) {
