@@ -156,7 +156,13 @@ struct RoomPair {
     }
 };
 
-bool sameBits(const Float3& a, const Float3& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+// The stored values of kept entries, bit for bit.
+template <typename T>
+void expectSameKept(const PairArrays& a, const PairArrays& b, std::vector<T> PairArrays::*member) {
+    ASSERT_EQ(a.matchFlags, b.matchFlags);
+    for (size_t i = 0; i < a.matchFlags.size(); ++i)
+        EXPECT_TRUE(!a.matchFlags[i] || std::memcmp(&(a.*member)[i], &(b.*member)[i], sizeof(T)) == 0) << i;
+}
 
 void expectSameEquations(const NormalEquations& a, const NormalEquations& b) {
     EXPECT_EQ(a.matchCount, b.matchCount);
@@ -174,23 +180,23 @@ TEST(ProjectiveAssociation, LanesAndSingleEntriesAgree) {
     RoomPair room;
     const int n = room.compact.size();
     ASSERT_GT(n, 1000);
-    // Plane form.
     PairArrays whole, single;
+    // pass(arrays, begin, end) over the whole range into `whole`, then entry by entry into `single`.
+    const auto both = [&](auto pass) {
+        pass(whole, 0, n);
+        for (int i = 0; i < n; ++i) pass(single, i, i + 1);
+    };
     whole.resizePlane(n);
     single.resizePlane(n);
     NormalEquations a{}, b{};
-    associatePlane(room.k, room.maps(), room.compact, room.pose, room.limits, whole, 0, n, a);
-    for (int i = 0; i < n; ++i)
-        associatePlane(room.k, room.maps(), room.compact, room.pose, room.limits, single, i, i + 1, b);
+    both([&](PairArrays& p, int begin, int end) {
+        associatePlane(room.k, room.maps(), room.compact, room.pose, room.limits, p, begin, end, &p == &whole ? a : b);
+    });
     EXPECT_GT(a.matchCount, n / 2);
     EXPECT_LT(a.matchCount, n);
     expectSameEquations(a, b);
-    for (int i = 0; i < n; ++i) {
-        ASSERT_EQ(whole.matchFlags[size_t(i)], single.matchFlags[size_t(i)]) << i;
-        if (!whole.matchFlags[size_t(i)]) continue;
-        EXPECT_TRUE(sameBits(whole.pairPoints[size_t(i)], single.pairPoints[size_t(i)]));
-        EXPECT_TRUE(sameBits(whole.pairNormals[size_t(i)], single.pairNormals[size_t(i)]));
-    }
+    expectSameKept(whole, single, &PairArrays::pairPoints);
+    expectSameKept(whole, single, &PairArrays::pairNormals);
 
     // Coloured form, its rows and its trial error.
     std::vector<Float3> moved(static_cast<size_t>(n)), turned(static_cast<size_t>(n));
@@ -199,34 +205,26 @@ TEST(ProjectiveAssociation, LanesAndSingleEntriesAgree) {
     whole.resizeColored(n);
     single.resizeColored(n);
     ResidualStats sa{}, sb{};
-    associateColored(room.k, room.maps(), moved.data(), turned.data(), room.compact.gray.data(),
-                     room.limits, whole, 0, n, sa);
-    for (int i = 0; i < n; ++i)
+    both([&](PairArrays& p, int begin, int end) {
         associateColored(room.k, room.maps(), moved.data(), turned.data(), room.compact.gray.data(),
-                         room.limits, single, i, i + 1, sb);
+                         room.limits, p, begin, end, &p == &whole ? sa : sb);
+    });
     EXPECT_EQ(sa.count, sb.count);
     EXPECT_NEAR(sa.sumG, sb.sumG, 1e-9);
     EXPECT_NEAR(sa.sumSquaresC, sb.sumSquaresC, 1e-9);
-    for (int i = 0; i < n; ++i) {
-        const size_t j = size_t(i);
-        ASSERT_EQ(whole.matchFlags[j], single.matchFlags[j]) << i;
-        if (!whole.matchFlags[j]) continue;
-        EXPECT_EQ(whole.residualG[j], single.residualG[j]);
-        EXPECT_EQ(whole.residualC[j], single.residualC[j]);
-        EXPECT_EQ(whole.pairGradX[j], single.pairGradX[j]);
-        EXPECT_EQ(whole.pairGray[j], single.pairGray[j]);
-    }
+    for (auto member : {&PairArrays::residualG, &PairArrays::residualC, &PairArrays::pairGradX, &PairArrays::pairGray})
+        expectSameKept(whole, single, member);
     const PhotometricScale scale = photometricScale(sa, colorBalance(0.3));
-    NormalEquations ra{}, rb{};
-    addColoredRows(room.k, whole, moved.data(), scale, 0, n, ra);
-    for (int i = 0; i < n; ++i) addColoredRows(room.k, whole, moved.data(), scale, i, i + 1, rb);
-    expectSameEquations(ra, rb);
     RT_<float> delta = RT_<float>::identity();
     eulerToRotation(0.001f, 0.002f, -0.001f, delta.rotation);
     delta.translation[2] = 0.003f;
-    double ta = coloredTrialError(room.k, whole, moved.data(), room.compact.gray.data(), delta, scale, 0, n);
-    double tb = 0.0;
-    for (int i = 0; i < n; ++i)
-        tb += coloredTrialError(room.k, whole, moved.data(), room.compact.gray.data(), delta, scale, i, i + 1);
+    NormalEquations ra{}, rb{};
+    double ta = 0.0, tb = 0.0;
+    both([&](PairArrays& p, int begin, int end) {  // both read the whole run's pairs
+        addColoredRows(room.k, whole, moved.data(), scale, begin, end, &p == &whole ? ra : rb);
+        (&p == &whole ? ta : tb) +=
+            coloredTrialError(room.k, whole, moved.data(), room.compact.gray.data(), delta, scale, begin, end);
+    });
+    expectSameEquations(ra, rb);
     EXPECT_NEAR(ta, tb, 1e-9 * tb);
 }
