@@ -92,39 +92,6 @@ TEST(ProjectiveAssociation, VertexNormalDistanceAndAngleGates) {
     EXPECT_EQ(g.accepted(3.0f, 1.0f), (Forms{true, false, false}));
 }
 
-TEST(ProjectiveAssociation, CompactionSkipsZeroNormalsButKeepsAZeroComponent) {
-    const std::vector<Float3> v = {{0, 0, 1}, {0, 0, 0}, {1, 0, 2}, {0, 1, 3}};
-    const std::vector<Float3> n = {{0, 0, 0}, {0, 0, -1}, {0, 0, -1}, {1, 0, 0}};
-    const std::vector<float> gray = {0.1f, 0.2f, 0.3f, 0.4f};
-    EXPECT_EQ(compactPoints(packedView(v.data(), 2, 2)).size(), 3);
-    const CompactSource s =
-        compactWithNormals(packedView(v.data(), 2, 2), packedView(n.data(), 2, 2),
-                           packedView(gray.data(), 2, 2));
-    ASSERT_EQ(s.size(), 2);
-    EXPECT_EQ(s.points[0].z, 2.0f);
-    EXPECT_EQ(s.gray, (std::vector<float>{0.3f, 0.4f}));
-}
-
-TEST(ProjectiveAssociation, ColoredResidualTakesTheImageToTheExactProjection) {
-    Gates g;
-    for (int i = 0; i < Gates::W * Gates::H; ++i) g.gray[size_t(i)] = 0.1f * float(i % Gates::W);
-    std::fill(g.grad.begin(), g.grad.end(), 0.2f);  // gradient x and y share the map
-    CompactSource s;
-    s.points = {Float3{1.3f, 0.8f, 1.0f}};
-    s.normals = {Float3{0, 0, -1}};
-    s.gray = {0.05f};
-    PairArrays pairs;
-    pairs.resizeColored(1);
-    ResidualStats stats{};
-    associateColored(g.k, g.target(), s.points.data(), s.normals.data(), s.gray.data(), g.limits,
-                     pairs, 0, 1, stats);
-    ASSERT_EQ(pairs.matchFlags[0], 1);
-    // Pixel (1, 1): gray 0.1, plus 0.3 * 0.2 and -0.2 * 0.2, minus the source 0.05.
-    EXPECT_NEAR(pairs.residualC[0], 0.1f + 0.06f - 0.04f - 0.05f, 1e-6);
-    EXPECT_NEAR(pairs.residualG[0], -(1.0f - 1.0f), 1e-6);
-    EXPECT_EQ(stats.count, 1);
-}
-
 namespace {
 
 // Two rendered 160x120 frames of the textured room, the second moved by a few centimetres and a
