@@ -7,11 +7,7 @@
 #include "kestor.h"
 #include "support/rgbd_maps.h"
 
-using namespace kestor;
-using kestor_test::Camera;
-using kestor_test::LevelMaps;
-using kestor_test::Pose;
-using kestor_test::Scene;
+using namespace kestor_test;
 
 namespace {
 
@@ -30,15 +26,15 @@ struct Fixture {
     Camera camera = Camera().scaled(160, 120);
     int w = camera.width, h = camera.height;
     Pose truth;
-    kestor_test::Frame frame1, frame2;
+    Frame frame1, frame2;
     std::vector<LevelMaps> maps1, maps2;
     std::vector<double> K = camera.matrix();
     std::vector<const float*> v1, n1, g1, gx1, gy1, v2, n2, g2;  // per level, for the pyramid
 
     Fixture(const Scene& scene, const Pose& base, const Pose& motion, int levels = kLevels)
         : truth(motion), frame1(scene.render(camera, base)), frame2(scene.render(camera, base * truth)) {
-        maps1 = kestor_test::buildLevels(camera, frame1, levels);
-        maps2 = kestor_test::buildLevels(camera, frame2, levels);
+        maps1 = buildLevels(camera, frame1, levels);
+        maps2 = buildLevels(camera, frame2, levels);
         for (int l = 0; l < levels; ++l) {
             const LevelMaps &a = maps1[size_t(l)], &b = maps2[size_t(l)];
             v1.push_back(&a.vmap[0].x), n1.push_back(&a.nmap[0].x), g1.push_back(a.gray.data());
@@ -47,10 +43,10 @@ struct Fixture {
         }
     }
     double rotationDeg(const std::vector<double>& rt) const {
-        return kestor_test::rotationError(Pose::fromMatrix(rt.data()), truth) * 180 / M_PI;
+        return rotationError(Pose::fromMatrix(rt.data()), truth) * 180 / M_PI;
     }
     double translationMm(const std::vector<double>& rt) const {
-        return kestor_test::translationError(Pose::fromMatrix(rt.data()), truth) * 1000;
+        return translationError(Pose::fromMatrix(rt.data()), truth) * 1000;
     }
 
     // One entry with the arrays that pick the path. The pyramid runs `iterations` on each level,
@@ -117,9 +113,8 @@ TEST(PairEntries, RecoverKnownMotionsOnEveryEntryAndPath) {
                 std::vector<double> first;  // the parallel result, which the serial one must match
                 for (bool parallel : {true, false}) {
                     if (!parallel && &m != &motions[2]) continue;  // serial on the largest only
-                    SCOPED_TRACE(testing::Message() << "motion " << kestor_test::rotationError(m, Pose()) * 180 / M_PI
-                                                    << " deg, entry " << e << ", path " << p
-                                                    << ", parallel " << parallel);
+                    SCOPED_TRACE(testing::Message() << "motion " << &m - motions << ", entry " << e
+                                                    << ", path " << p << ", parallel " << parallel);
                     std::vector<double> rt = Pose().matrix(), info(36, -1.0);
                     ASSERT_EQ(f.run(e, p, rt, parallel, e == PyramidEntry ? 10 : 30, info.data()), 0);
                     EXPECT_LT(f.rotationDeg(rt), p == PlanePath ? 0.05 : 0.1);
