@@ -63,7 +63,7 @@ using Forms = std::vector<bool>;  // point, plane, coloured
 
 }  // namespace
 
-TEST(ProjectiveAssociation, ColumnAndRowGatesAtTheImageBorders) {
+TEST(ProjectiveAssociation, BorderVertexNormalDistanceAndAngleGates) {
     Gates g;
     EXPECT_EQ(g.accepted(1.0f, 1.0f), (Forms{true, true, true}));
     EXPECT_EQ(g.accepted(-0.3f, 1.0f), (Forms{false, false, false}));  // would round to 0
@@ -74,10 +74,7 @@ TEST(ProjectiveAssociation, ColumnAndRowGatesAtTheImageBorders) {
     EXPECT_EQ(g.accepted(1.0f, Gates::H - 0.4f), (Forms{false, false, false}));
     EXPECT_EQ(g.accepted(NAN, 1.0f), (Forms{false, false, false}));
     EXPECT_EQ(g.accepted(1e30f, 1.0f), (Forms{false, false, false}));
-}
-
-TEST(ProjectiveAssociation, VertexNormalDistanceAndAngleGates) {
-    Gates g;
+    // Vertex, normal, distance and angle gates.
     g.nmap[1 * Gates::W + 1] = Float3{0, 0, 0};  // a valid vertex without a normal
     EXPECT_EQ(g.accepted(1.0f, 1.0f), (Forms{true, false, false}));
     g.vmap[1 * Gates::W + 2] = Float3{0, 0, 0};
@@ -101,25 +98,23 @@ struct RoomPair {
     std::vector<kestor_test::LevelMaps> target, source;
     CompactSource compact;
     RT_<float> pose = RT_<float>::identity();
-    Intrinsics k;
+    Intrinsics k = kestor_test::intrinsicsOf(camera);
     AssociationLimits limits{0.1 * 0.1, std::cos(1.2)};
 
     RoomPair() {
-        using kestor_test::Pose;
-        const kestor_test::Scene scene = kestor_test::Scene::texturedRoom();
+        using namespace kestor_test;
+        const Scene scene = Scene::texturedRoom();
         const Pose base = Pose::fromAxisAngle({0, 1, 0}, 0.2, {0.2, -0.1, -0.3});
-        const Pose motion = Pose::fromAxisAngle({1, 2, 0.5}, 1.0 * M_PI / 180, {0.03, -0.02, 0.01});
-        target = kestor_test::buildLevels(camera, scene.render(camera, base), 1);
-        source = kestor_test::buildLevels(camera, scene.render(camera, base * motion), 1);
+        target = buildLevels(camera, scene.render(camera, base), 1);
+        source = buildLevels(camera, scene.render(camera, base * Pose::fromAxisAngle({1, 2, 0.5}, M_PI / 180, {0.03, -0.02, 0.01})), 1);
         compact = compactWithNormals(source[0].vertices(), source[0].normals(), source[0].grayView());
-        k = kestor_test::intrinsicsOf(camera);
         // Not quite the truth, so that some pairs fail the distance gate.
         eulerToRotation(0.01f, -0.02f, 0.015f, pose.rotation);
         pose.translation[0] = 0.02f;
     }
     TargetMaps maps() const {
-        const kestor_test::LevelMaps& t = target[0];
-        return TargetMaps{t.vertices(), t.normals(), t.grayView(), t.gradXView(), t.gradYView()};
+        return TargetMaps{target[0].vertices(), target[0].normals(), target[0].grayView(), target[0].gradXView(),
+                          target[0].gradYView()};
     }
 };
 
