@@ -113,7 +113,7 @@ TEST(PointMatchInfo, DistanceIsStrictAndAngleEqualityPasses) {
     EXPECT_EQ(run(near2, n1, nullptr, 0.5, 0.0), KESTOR_STATUS_OK);
 }
 
-TEST(VmapMatchInfo, IdenticalMapsAndTheSelfInformation) {
+TEST(VmapMatchInfo, IdenticalMapsScoreAndTheSelfInformation) {
     Maps m;
     std::vector<double> info(36, kSentinel), self(36, kSentinel);
     EXPECT_EQ(m.match(m.vmap, m.nmap.data(), m.nmap.data(), 1.0, info), KESTOR_STATUS_OK);
@@ -136,15 +136,12 @@ TEST(VmapMatchInfo, IdenticalMapsAndTheSelfInformation) {
     KESTORCalcVmapSelfMatchInfo(nanMap, 1, 1, kIdentity.data(), self.data());
     EXPECT_TRUE(std::isnan(self[0]));
     EXPECT_EQ(self[3 * 6 + 3], 1.0);
-}
 
-TEST(VmapMatchInfo, ScoreCountsValidSourcePixelsOnly) {
-    Maps m;
+    // The score counts valid source pixels only. Two source pixels invalid (z = 0) and four moved
+    // 1 away: 46 valid, 42 matched.
     auto vmap2 = m.vmap;
-    // Two source pixels invalid (z = 0) and four moved 1 away: 46 valid, 42 matched.
     vmap2[2] = vmap2[5] = 0.0f;
     for (size_t i = 10; i < 14; ++i) vmap2[3 * i + 2] += 1.0f;
-    std::vector<double> info(36, kSentinel);
     EXPECT_EQ(m.match(vmap2, nullptr, nullptr, 42.0 / 46.0, info), KESTOR_STATUS_OK);
     EXPECT_EQ(m.match(vmap2, nullptr, nullptr, std::nextafter(42.0 / 46.0, 1.0), info),
               KESTOR_STATUS_FAILED);
