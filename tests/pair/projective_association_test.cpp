@@ -89,6 +89,19 @@ TEST(ProjectiveAssociation, BorderVertexNormalDistanceAndAngleGates) {
     EXPECT_EQ(g.accepted(3.0f, 1.0f), (Forms{true, false, false}));
 }
 
+TEST(ProjectiveAssociation, CompactionSkipsZeroNormalsButKeepsAZeroComponent) {
+    const std::vector<Float3> v = {{0, 0, 1}, {0, 0, 0}, {1, 0, 2}, {0, 1, 3}};
+    const std::vector<Float3> n = {{0, 0, 0}, {0, 0, -1}, {0, 0, -1}, {1, 0, 0}};
+    const std::vector<float> gray = {0.1f, 0.2f, 0.3f, 0.4f};
+    EXPECT_EQ(compactPoints(packedView(v.data(), 2, 2)).size(), 3);
+    const CompactSource s =
+        compactWithNormals(packedView(v.data(), 2, 2), packedView(n.data(), 2, 2),
+                           packedView(gray.data(), 2, 2));
+    ASSERT_EQ(s.size(), 2);
+    EXPECT_EQ(s.points[0].z, 2.0f);
+    EXPECT_EQ(s.gray, (std::vector<float>{0.3f, 0.4f}));
+}
+
 namespace {
 
 // Two rendered 160x120 frames of the textured room, the second moved by a few centimetres and a
