@@ -92,6 +92,7 @@ void checkTree(const std::vector<float>& points, int keptExpected) {
     std::vector<int> kept = index.indices();
     std::sort(kept.begin(), kept.end());
     EXPECT_EQ(int(kept.size()), keptExpected);
+    EXPECT_EQ(index.count(), points.size() / 3);  // NaN points still count as positions
     EXPECT_TRUE(std::adjacent_find(kept.begin(), kept.end()) == kept.end());
     if (keptExpected == 0) {
         EXPECT_EQ(index.root(), nullptr);
