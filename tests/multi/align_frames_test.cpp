@@ -9,11 +9,11 @@
 #include <limits>
 #include <vector>
 
-#include <Eigen/Geometry>
-
 #include "multi/align_frames.h"
+#include "multi/rendered_frames.h"
 
 using namespace kestor;
+using namespace kestor_test;
 
 namespace {
 
@@ -120,16 +120,17 @@ TEST(AlignFrames, CancelKeepsTheLastAcceptedPosesAndTooLittleInputIsRefused) {
 // Ry(-s1) Rx(-s0), -s3..-s5), which goes after the pose with onRight and before it without.
 TEST(AlignFrames, OneStepPutsTheCorrectionOnTheSideOnRightNames) {
     const double g[6] = {0.05, -0.1, 0.15, 0.3, -0.2, 0.1};
-    const Eigen::Matrix3d start = Eigen::AngleAxisd(0.7, Eigen::Vector3d(1, 2, 3).normalized()).toRotationMatrix();
+    const Pose before = Pose::fromAxisAngle(Eigen::Vector3d(1, 2, 3).normalized(), 0.7, {0.4, -0.3, 1.2});
+    Pose d;
+    double s[6];
+    for (int a = 0; a < 6; ++a) s[a] = g[a] / (2.0 * (1.0 + 1e-6));
+    d.R = (Eigen::AngleAxisd(-s[2], Eigen::Vector3d::UnitZ()) * Eigen::AngleAxisd(-s[1], Eigen::Vector3d::UnitY()) *
+           Eigen::AngleAxisd(-s[0], Eigen::Vector3d::UnitX())).toRotationMatrix();
+    d.t = -Eigen::Vector3d(s[3], s[4], s[5]);
     for (bool onRight : {false, true}) {
-        RT_<double> poses[2] = {RT_<double>::identity(), RT_<double>::identity()};
-        for (int r = 0; r < 3; ++r)
-            for (int c = 0; c < 3; ++c) poses[1].rotation[3 * r + c] = start(r, c);
-        poses[1].translation[0] = 0.4, poses[1].translation[1] = -0.3, poses[1].translation[2] = 1.2;
-        Eigen::Isometry3d before = Eigen::Isometry3d::Identity();
-        before.linear() = start;
-        before.translation() = Eigen::Vector3d(0.4, -0.3, 1.2);
-
+        std::vector<double> rts = Pose().matrix(), start = before.matrix();
+        rts.insert(rts.end(), start.begin(), start.end());
+        RT_<double> poses[2] = {poseToDouble(poseView(&rts[0])), poseToDouble(poseView(&rts[12]))};
         PairLinearize lin = [&](int, int, const RT_<double>&, const RT_<double>&, PairBlock& hII,
                                 PairBlock&, PairBlock&, PairVector& gI, PairVector&) {
             for (int a = 0; a < 6; ++a) hII[a][a] = 2.0, gI[a] = g[a];
@@ -138,21 +139,9 @@ TEST(AlignFrames, OneStepPutsTheCorrectionOnTheSideOnRightNames) {
         PairEvaluate eval = [](int, int, const RT_<double>&, const RT_<double>&) { return 0.0; };
         ASSERT_TRUE(alignFrames(lin, eval, poses, 2, 1, 0, false, onRight, ProgressFunc(),
                                 PairsChanged(), false));
-
-        double s[6];
-        for (int a = 0; a < 6; ++a) s[a] = g[a] / (2.0 * (1.0 + 1e-6));
-        Eigen::Isometry3d d = Eigen::Isometry3d::Identity();
-        d.linear() = (Eigen::AngleAxisd(-s[2], Eigen::Vector3d::UnitZ()) *
-                      Eigen::AngleAxisd(-s[1], Eigen::Vector3d::UnitY()) *
-                      Eigen::AngleAxisd(-s[0], Eigen::Vector3d::UnitX())).toRotationMatrix();
-        d.translation() = Eigen::Vector3d(-s[3], -s[4], -s[5]);
-        const Eigen::Isometry3d expected = onRight ? before * d : d * before;
-        for (int r = 0; r < 3; ++r) {
-            for (int c = 0; c < 3; ++c)
-                EXPECT_NEAR(poses[1].rotation[3 * r + c], expected(r, c), 1e-12) << onRight;
-            EXPECT_NEAR(poses[1].translation[r], expected(r, 3), 1e-12) << onRight;
-        }
-        const RT_<double> identity = RT_<double>::identity();
-        EXPECT_EQ(std::memcmp(&poses[0], &identity, sizeof(RT_<double>)), 0);
+        const std::vector<double> first = rts;
+        for (int f = 0; f < 2; ++f) poseFromDouble(poses[f], poseView(&rts[size_t(12 * f)]));
+        EXPECT_TRUE(std::equal(first.begin(), first.begin() + 12, rts.begin()));  // frame 0 kept
+        expectNear(std::vector<double>(rts.begin() + 12, rts.end()), (onRight ? before * d : d * before).matrix(), 1e-12);
     }
 }

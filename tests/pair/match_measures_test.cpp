@@ -113,7 +113,7 @@ TEST(PointMatchInfo, DistanceIsStrictAndAngleEqualityPasses) {
     EXPECT_EQ(run(near2, n1, nullptr, 0.5, 0.0), KESTOR_STATUS_OK);
 }
 
-TEST(VmapMatchInfo, IdenticalMapsAndTheSelfInformation) {
+TEST(VmapMatchInfo, IdenticalMapsScoreAndTheSelfInformation) {
     Maps m;
     std::vector<double> info(36, kSentinel), self(36, kSentinel);
     EXPECT_EQ(m.match(m.vmap, m.nmap.data(), m.nmap.data(), 1.0, info), KESTOR_STATUS_OK);
@@ -136,15 +136,12 @@ TEST(VmapMatchInfo, IdenticalMapsAndTheSelfInformation) {
     KESTORCalcVmapSelfMatchInfo(nanMap, 1, 1, kIdentity.data(), self.data());
     EXPECT_TRUE(std::isnan(self[0]));
     EXPECT_EQ(self[3 * 6 + 3], 1.0);
-}
 
-TEST(VmapMatchInfo, ScoreCountsValidSourcePixelsOnly) {
-    Maps m;
+    // The score counts valid source pixels only. Two source pixels invalid (z = 0) and four moved
+    // 1 away: 46 valid, 42 matched.
     auto vmap2 = m.vmap;
-    // Two source pixels invalid (z = 0) and four moved 1 away: 46 valid, 42 matched.
     vmap2[2] = vmap2[5] = 0.0f;
     for (size_t i = 10; i < 14; ++i) vmap2[3 * i + 2] += 1.0f;
-    std::vector<double> info(36, kSentinel);
     EXPECT_EQ(m.match(vmap2, nullptr, nullptr, 42.0 / 46.0, info), KESTOR_STATUS_OK);
     EXPECT_EQ(m.match(vmap2, nullptr, nullptr, std::nextafter(42.0 / 46.0, 1.0), info),
               KESTOR_STATUS_FAILED);
@@ -206,5 +203,12 @@ TEST(MatchInfoExports, BadArgumentsWriteNothing) {
         EXPECT_TRUE(b > 4 || KESTORCalcVmapSelfMatchInfo(cut(b, 0, v), cut(b, 3, 8), cut(b, 4, 6),
                                                          cut(b, 1, rt), cut(b, 2, i)) == 4) << b;
     }
+    // Sizes whose products overflow an int, and point counts whose floats do.
+    for (const auto& size : {std::make_pair(70000, 70000), {30000, 30000}, {1 << 28, 1}}) {
+        EXPECT_EQ(KESTORCalcVmapMatchInfo(v, v, v, v, size.first, size.second, K, rt, i, 1, 1, 0), 4);
+        EXPECT_EQ(KESTORCalcVmapSelfMatchInfo(v, size.first, size.second, rt, i), 4);
+    }
+    EXPECT_EQ(KESTORCalcPointMatchInfo(v, v, 1 << 30, v, v, 8, rt, i, 1, 1, 0), 4);
+    EXPECT_EQ(KESTORCalcPointMatchInfo(v, v, 8, v, v, 1 << 30, rt, i, 1, 1, 0), 4);
     EXPECT_EQ(info, std::vector<double>(36, kSentinel));
 }

@@ -1,16 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <vector>
 
 #include "kestor.h"
 #include "support/rgbd_maps.h"
 
-using namespace kestor;
-using kestor_test::Camera;
-using kestor_test::LevelMaps;
-using kestor_test::Pose;
-using kestor_test::Scene;
+using namespace kestor_test;
 
 namespace {
 
@@ -29,15 +26,15 @@ struct Fixture {
     Camera camera = Camera().scaled(160, 120);
     int w = camera.width, h = camera.height;
     Pose truth;
-    kestor_test::Frame frame1, frame2;
+    Frame frame1, frame2;
     std::vector<LevelMaps> maps1, maps2;
     std::vector<double> K = camera.matrix();
     std::vector<const float*> v1, n1, g1, gx1, gy1, v2, n2, g2;  // per level, for the pyramid
 
     Fixture(const Scene& scene, const Pose& base, const Pose& motion, int levels = kLevels)
         : truth(motion), frame1(scene.render(camera, base)), frame2(scene.render(camera, base * truth)) {
-        maps1 = kestor_test::buildLevels(camera, frame1, levels);
-        maps2 = kestor_test::buildLevels(camera, frame2, levels);
+        maps1 = buildLevels(camera, frame1, levels);
+        maps2 = buildLevels(camera, frame2, levels);
         for (int l = 0; l < levels; ++l) {
             const LevelMaps &a = maps1[size_t(l)], &b = maps2[size_t(l)];
             v1.push_back(&a.vmap[0].x), n1.push_back(&a.nmap[0].x), g1.push_back(a.gray.data());
@@ -46,10 +43,10 @@ struct Fixture {
         }
     }
     double rotationDeg(const std::vector<double>& rt) const {
-        return kestor_test::rotationError(Pose::fromMatrix(rt.data()), truth) * 180 / M_PI;
+        return rotationError(Pose::fromMatrix(rt.data()), truth) * 180 / M_PI;
     }
     double translationMm(const std::vector<double>& rt) const {
-        return kestor_test::translationError(Pose::fromMatrix(rt.data()), truth) * 1000;
+        return translationError(Pose::fromMatrix(rt.data()), truth) * 1000;
     }
 
     // One entry with the arrays that pick the path. The pyramid runs `iterations` on each level,
@@ -116,9 +113,8 @@ TEST(PairEntries, RecoverKnownMotionsOnEveryEntryAndPath) {
                 std::vector<double> first;  // the parallel result, which the serial one must match
                 for (bool parallel : {true, false}) {
                     if (!parallel && &m != &motions[2]) continue;  // serial on the largest only
-                    SCOPED_TRACE(testing::Message() << "motion " << kestor_test::rotationError(m, Pose()) * 180 / M_PI
-                                                    << " deg, entry " << e << ", path " << p
-                                                    << ", parallel " << parallel);
+                    SCOPED_TRACE(testing::Message() << "motion " << &m - motions << ", entry " << e
+                                                    << ", path " << p << ", parallel " << parallel);
                     std::vector<double> rt = Pose().matrix(), info(36, -1.0);
                     ASSERT_EQ(f.run(e, p, rt, parallel, e == PyramidEntry ? 10 : 30, info.data()), 0);
                     EXPECT_LT(f.rotationDeg(rt), p == PlanePath ? 0.05 : 0.1);
@@ -273,6 +269,26 @@ TEST(PairEntries, BadArgumentsReturnFourWithNothingWrittenAndNoProgress) {
                       b == 8 ? 3 : cut(b, 4, s.w), s.h, cut(b, 5, K), cut(b, 6, r), i,
                       cut(b, 1, its), cut(b, 2, dist), cut(b, 3, kLevels), 1.57, 0.3, 0.5, false,
                       false, countCalls, nullptr), 4) << b;
+    // Sizes whose products overflow an int (pixels, pixels times three, a row's bytes) and, with
+    // no camera, point counts whose floats do: refused although the buffers are far smaller.
+    for (const std::array<int, 2>& size : std::vector<std::array<int, 2>>{
+             {70000, 70000}, {30000, 30000}, {1 << 28, 1}, {1 << 30, 8}, {8, 1 << 30}}) {
+        const int w = size[0], h = size[1];
+        const bool points = w == 8 || h == 8;
+        EXPECT_EQ(KESTORMatchPair(v, s.n1[0], s.g1[0], v, s.n2[0], s.g2[0], size.data(),
+                                  points ? nullptr : K, r, i, 5, 0.3, 1.57, 0.3, 0.5, false, false,
+                                  countCalls, nullptr), 4) << w << " x " << h;
+        if (points) continue;
+        EXPECT_EQ(KESTORMatchPairDepth(d, nullptr, nullptr, d, nullptr, nullptr, w, h, K, r, i, 5,
+                                       0.3, 1.57, 0.3, 0.5, false, false, countCalls, nullptr), 4);
+        EXPECT_EQ(KESTORMatchPairVmapNmap(v, s.n1[0], s.g1[0], s.gx1[0], s.gx1[0], v, s.n2[0],
+                                          s.g2[0], w, h, K, r, i, 5, 0.3, 1.57, 0.3, 0.5, false,
+                                          false, countCalls, nullptr), 4);
+        EXPECT_EQ(KESTORMatchPairVmapNmapPyramid(s.v1.data(), s.n1.data(), nullptr, nullptr, nullptr,
+                                                 s.v2.data(), s.n2.data(), nullptr, w, h, K, r, i,
+                                                 its, dist, 1, 1.57, 0.3, 0.5, false, false,
+                                                 countCalls, nullptr), 4);
+    }
     EXPECT_EQ(calls, 0);
     EXPECT_EQ(rt, std::vector<double>(12, 7.0));
     EXPECT_EQ(info, std::vector<double>(36, 7.0));

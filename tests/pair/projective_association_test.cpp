@@ -63,7 +63,7 @@ using Forms = std::vector<bool>;  // point, plane, coloured
 
 }  // namespace
 
-TEST(ProjectiveAssociation, ColumnAndRowGatesAtTheImageBorders) {
+TEST(ProjectiveAssociation, BorderVertexNormalDistanceAndAngleGates) {
     Gates g;
     EXPECT_EQ(g.accepted(1.0f, 1.0f), (Forms{true, true, true}));
     EXPECT_EQ(g.accepted(-0.3f, 1.0f), (Forms{false, false, false}));  // would round to 0
@@ -74,10 +74,7 @@ TEST(ProjectiveAssociation, ColumnAndRowGatesAtTheImageBorders) {
     EXPECT_EQ(g.accepted(1.0f, Gates::H - 0.4f), (Forms{false, false, false}));
     EXPECT_EQ(g.accepted(NAN, 1.0f), (Forms{false, false, false}));
     EXPECT_EQ(g.accepted(1e30f, 1.0f), (Forms{false, false, false}));
-}
-
-TEST(ProjectiveAssociation, VertexNormalDistanceAndAngleGates) {
-    Gates g;
+    // Vertex, normal, distance and angle gates.
     g.nmap[1 * Gates::W + 1] = Float3{0, 0, 0};  // a valid vertex without a normal
     EXPECT_EQ(g.accepted(1.0f, 1.0f), (Forms{true, false, false}));
     g.vmap[1 * Gates::W + 2] = Float3{0, 0, 0};
@@ -105,26 +102,6 @@ TEST(ProjectiveAssociation, CompactionSkipsZeroNormalsButKeepsAZeroComponent) {
     EXPECT_EQ(s.gray, (std::vector<float>{0.3f, 0.4f}));
 }
 
-TEST(ProjectiveAssociation, ColoredResidualTakesTheImageToTheExactProjection) {
-    Gates g;
-    for (int i = 0; i < Gates::W * Gates::H; ++i) g.gray[size_t(i)] = 0.1f * float(i % Gates::W);
-    std::fill(g.grad.begin(), g.grad.end(), 0.2f);  // gradient x and y share the map
-    CompactSource s;
-    s.points = {Float3{1.3f, 0.8f, 1.0f}};
-    s.normals = {Float3{0, 0, -1}};
-    s.gray = {0.05f};
-    PairArrays pairs;
-    pairs.resizeColored(1);
-    ResidualStats stats{};
-    associateColored(g.k, g.target(), s.points.data(), s.normals.data(), s.gray.data(), g.limits,
-                     pairs, 0, 1, stats);
-    ASSERT_EQ(pairs.matchFlags[0], 1);
-    // Pixel (1, 1): gray 0.1, plus 0.3 * 0.2 and -0.2 * 0.2, minus the source 0.05.
-    EXPECT_NEAR(pairs.residualC[0], 0.1f + 0.06f - 0.04f - 0.05f, 1e-6);
-    EXPECT_NEAR(pairs.residualG[0], -(1.0f - 1.0f), 1e-6);
-    EXPECT_EQ(stats.count, 1);
-}
-
 namespace {
 
 // Two rendered 160x120 frames of the textured room, the second moved by a few centimetres and a
@@ -134,29 +111,33 @@ struct RoomPair {
     std::vector<kestor_test::LevelMaps> target, source;
     CompactSource compact;
     RT_<float> pose = RT_<float>::identity();
-    Intrinsics k;
+    Intrinsics k = kestor_test::intrinsicsOf(camera);
     AssociationLimits limits{0.1 * 0.1, std::cos(1.2)};
 
     RoomPair() {
-        using kestor_test::Pose;
-        const kestor_test::Scene scene = kestor_test::Scene::texturedRoom();
+        using namespace kestor_test;
+        const Scene scene = Scene::texturedRoom();
         const Pose base = Pose::fromAxisAngle({0, 1, 0}, 0.2, {0.2, -0.1, -0.3});
-        const Pose motion = Pose::fromAxisAngle({1, 2, 0.5}, 1.0 * M_PI / 180, {0.03, -0.02, 0.01});
-        target = kestor_test::buildLevels(camera, scene.render(camera, base), 1);
-        source = kestor_test::buildLevels(camera, scene.render(camera, base * motion), 1);
+        target = buildLevels(camera, scene.render(camera, base), 1);
+        source = buildLevels(camera, scene.render(camera, base * Pose::fromAxisAngle({1, 2, 0.5}, M_PI / 180, {0.03, -0.02, 0.01})), 1);
         compact = compactWithNormals(source[0].vertices(), source[0].normals(), source[0].grayView());
-        k = kestor_test::intrinsicsOf(camera);
         // Not quite the truth, so that some pairs fail the distance gate.
         eulerToRotation(0.01f, -0.02f, 0.015f, pose.rotation);
         pose.translation[0] = 0.02f;
     }
     TargetMaps maps() const {
-        const kestor_test::LevelMaps& t = target[0];
-        return TargetMaps{t.vertices(), t.normals(), t.grayView(), t.gradXView(), t.gradYView()};
+        return TargetMaps{target[0].vertices(), target[0].normals(), target[0].grayView(), target[0].gradXView(),
+                          target[0].gradYView()};
     }
 };
 
-bool sameBits(const Float3& a, const Float3& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+// The stored values of kept entries, bit for bit.
+template <typename T>
+void expectSameKept(const PairArrays& a, const PairArrays& b, std::vector<T> PairArrays::*member) {
+    ASSERT_EQ(a.matchFlags, b.matchFlags);
+    for (size_t i = 0; i < a.matchFlags.size(); ++i)
+        EXPECT_TRUE(!a.matchFlags[i] || std::memcmp(&(a.*member)[i], &(b.*member)[i], sizeof(T)) == 0) << i;
+}
 
 void expectSameEquations(const NormalEquations& a, const NormalEquations& b) {
     EXPECT_EQ(a.matchCount, b.matchCount);
@@ -174,23 +155,23 @@ TEST(ProjectiveAssociation, LanesAndSingleEntriesAgree) {
     RoomPair room;
     const int n = room.compact.size();
     ASSERT_GT(n, 1000);
-    // Plane form.
     PairArrays whole, single;
+    // pass(arrays, begin, end) over the whole range into `whole`, then entry by entry into `single`.
+    const auto both = [&](auto pass) {
+        pass(whole, 0, n);
+        for (int i = 0; i < n; ++i) pass(single, i, i + 1);
+    };
     whole.resizePlane(n);
     single.resizePlane(n);
     NormalEquations a{}, b{};
-    associatePlane(room.k, room.maps(), room.compact, room.pose, room.limits, whole, 0, n, a);
-    for (int i = 0; i < n; ++i)
-        associatePlane(room.k, room.maps(), room.compact, room.pose, room.limits, single, i, i + 1, b);
+    both([&](PairArrays& p, int begin, int end) {
+        associatePlane(room.k, room.maps(), room.compact, room.pose, room.limits, p, begin, end, &p == &whole ? a : b);
+    });
     EXPECT_GT(a.matchCount, n / 2);
     EXPECT_LT(a.matchCount, n);
     expectSameEquations(a, b);
-    for (int i = 0; i < n; ++i) {
-        ASSERT_EQ(whole.matchFlags[size_t(i)], single.matchFlags[size_t(i)]) << i;
-        if (!whole.matchFlags[size_t(i)]) continue;
-        EXPECT_TRUE(sameBits(whole.pairPoints[size_t(i)], single.pairPoints[size_t(i)]));
-        EXPECT_TRUE(sameBits(whole.pairNormals[size_t(i)], single.pairNormals[size_t(i)]));
-    }
+    expectSameKept(whole, single, &PairArrays::pairPoints);
+    expectSameKept(whole, single, &PairArrays::pairNormals);
 
     // Coloured form, its rows and its trial error.
     std::vector<Float3> moved(static_cast<size_t>(n)), turned(static_cast<size_t>(n));
@@ -199,34 +180,26 @@ TEST(ProjectiveAssociation, LanesAndSingleEntriesAgree) {
     whole.resizeColored(n);
     single.resizeColored(n);
     ResidualStats sa{}, sb{};
-    associateColored(room.k, room.maps(), moved.data(), turned.data(), room.compact.gray.data(),
-                     room.limits, whole, 0, n, sa);
-    for (int i = 0; i < n; ++i)
+    both([&](PairArrays& p, int begin, int end) {
         associateColored(room.k, room.maps(), moved.data(), turned.data(), room.compact.gray.data(),
-                         room.limits, single, i, i + 1, sb);
+                         room.limits, p, begin, end, &p == &whole ? sa : sb);
+    });
     EXPECT_EQ(sa.count, sb.count);
     EXPECT_NEAR(sa.sumG, sb.sumG, 1e-9);
     EXPECT_NEAR(sa.sumSquaresC, sb.sumSquaresC, 1e-9);
-    for (int i = 0; i < n; ++i) {
-        const size_t j = size_t(i);
-        ASSERT_EQ(whole.matchFlags[j], single.matchFlags[j]) << i;
-        if (!whole.matchFlags[j]) continue;
-        EXPECT_EQ(whole.residualG[j], single.residualG[j]);
-        EXPECT_EQ(whole.residualC[j], single.residualC[j]);
-        EXPECT_EQ(whole.pairGradX[j], single.pairGradX[j]);
-        EXPECT_EQ(whole.pairGray[j], single.pairGray[j]);
-    }
+    for (auto member : {&PairArrays::residualG, &PairArrays::residualC, &PairArrays::pairGradX, &PairArrays::pairGray})
+        expectSameKept(whole, single, member);
     const PhotometricScale scale = photometricScale(sa, colorBalance(0.3));
-    NormalEquations ra{}, rb{};
-    addColoredRows(room.k, whole, moved.data(), scale, 0, n, ra);
-    for (int i = 0; i < n; ++i) addColoredRows(room.k, whole, moved.data(), scale, i, i + 1, rb);
-    expectSameEquations(ra, rb);
     RT_<float> delta = RT_<float>::identity();
     eulerToRotation(0.001f, 0.002f, -0.001f, delta.rotation);
     delta.translation[2] = 0.003f;
-    double ta = coloredTrialError(room.k, whole, moved.data(), room.compact.gray.data(), delta, scale, 0, n);
-    double tb = 0.0;
-    for (int i = 0; i < n; ++i)
-        tb += coloredTrialError(room.k, whole, moved.data(), room.compact.gray.data(), delta, scale, i, i + 1);
+    NormalEquations ra{}, rb{};
+    double ta = 0.0, tb = 0.0;
+    both([&](PairArrays& p, int begin, int end) {  // both read the whole run's pairs
+        addColoredRows(room.k, whole, moved.data(), scale, begin, end, &p == &whole ? ra : rb);
+        (&p == &whole ? ta : tb) +=
+            coloredTrialError(room.k, whole, moved.data(), room.compact.gray.data(), delta, scale, begin, end);
+    });
+    expectSameEquations(ra, rb);
     EXPECT_NEAR(ta, tb, 1e-9 * tb);
 }
