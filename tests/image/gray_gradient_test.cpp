@@ -88,22 +88,3 @@ TEST(CalcGrayAndGradient, GrayIsSmoothedInPlaceThenOptionalMagnitudeThenCentralG
         EXPECT_TRUE(bitwiseEqual(m.gray, inPlace) && bitwiseEqual(m.gx, gx) && bitwiseEqual(m.gy, gy)) << useMagnitude;
     }
 }
-
-TEST(CalcGrayAndGradient, BadArgumentsReturnFourAndWriteNothing) {
-    const int w = 8, h = 4;
-    const std::vector<uint8_t> color(size_t(w * h * 3), 100);
-    std::vector<float> gray(size_t(w * h), kSentinel), gx(gray), gy(gray);
-    const uint8_t* c = color.data();
-    float *g = gray.data(), *x = gx.data(), *y = gy.data();
-    EXPECT_EQ(KESTORCalcGrayAndGradient(nullptr, g, x, y, w, h, 1.0, false, false), 4);
-    EXPECT_EQ(KESTORCalcGrayAndGradient(c, nullptr, x, y, w, h, 1.0, false, false), 4);
-    EXPECT_EQ(KESTORCalcGrayAndGradient(c, g, nullptr, y, w, h, 1.0, false, false), 4);
-    EXPECT_EQ(KESTORCalcGrayAndGradient(c, g, x, nullptr, w, h, 1.0, false, false), 4);
-    EXPECT_EQ(KESTORCalcGrayAndGradient(c, g, x, y, 0, h, 1.0, false, false), 4);
-    EXPECT_EQ(KESTORCalcGrayAndGradient(c, g, x, y, w, -1, 1.0, false, false), 4);
-    // sigma sets the kernel's length: NaN, infinite or huge is refused, not converted to an int.
-    for (double sigma : {std::nan(""), HUGE_VAL, -HUGE_VAL, 1e300, 1000.5})
-        EXPECT_EQ(KESTORCalcGrayAndGradient(c, g, x, y, w, h, sigma, false, true), 4) << sigma;
-    for (const auto* v : {&gray, &gx, &gy})
-        EXPECT_TRUE(std::all_of(v->begin(), v->end(), [](float f) { return f == kSentinel; }));
-}

@@ -93,30 +93,11 @@ TEST(CvtUVToPoint, SerialAndParallelAreBitwiseEqual) {
     EXPECT_TRUE(kestor_test::bitwiseEqual(a.points, b.points) && kestor_test::bitwiseEqual(a.normals, b.normals));
 }
 
-TEST(ImageExports, LookupAndMaskAnswerBadArgumentsWithFourAndWriteNothing) {
-    const double K[9] = {10, 0, 2, 0, 10, 2, 0, 0, 1};
-    const std::vector<float> d(25, 1.0f);
-    const float uv[2] = {1.5f, 1.5f};
-    float p[3] = {7, 7, 7}, n[3] = {7, 7, 7};
-    EXPECT_EQ(KESTORCvtUVToPointFromDepth(nullptr, d.data(), 5, 5, uv, p, n, 1, false), 4);
-    EXPECT_EQ(KESTORCvtUVToPointFromDepth(K, nullptr, 5, 5, uv, p, n, 1, false), 4);
-    EXPECT_EQ(KESTORCvtUVToPointFromDepth(K, d.data(), 0, 5, uv, p, n, 1, false), 4);
-    EXPECT_EQ(KESTORCvtUVToPointFromDepth(K, d.data(), 5, 0, uv, p, n, 1, false), 4);
-    EXPECT_EQ(KESTORCvtUVToPointFromDepth(K, d.data(), 5, 5, nullptr, p, n, 1, false), 4);
-    EXPECT_EQ(KESTORCvtUVToPointFromDepth(K, d.data(), 5, 5, uv, nullptr, n, 1, false), 4);
-    EXPECT_EQ(KESTORCvtUVToPointFromDepth(K, d.data(), 5, 5, uv, p, nullptr, 1, false), 4);
-    EXPECT_EQ(KESTORCvtUVToPointFromDepth(K, d.data(), 5, 5, uv, p, n, 0, false), 4);
-    for (int i = 0; i < 3; ++i) EXPECT_TRUE(p[i] == 7.0f && n[i] == 7.0f);
-
+TEST(DepthToMask, SetOnlyForDepthAboveZero) {
     // The depth mask: 255 for depth above 0 only (NaN is not).
     const float depth[6] = {1.0f, 0.0f, -2.0f, std::numeric_limits<float>::quiet_NaN(), 1e-30f,
                             std::numeric_limits<float>::infinity()};
     uint8_t mask[6] = {7, 7, 7, 7, 7, 7};
-    EXPECT_EQ(KESTORDepthToMask(depth, nullptr, 3, 2), 4);
-    EXPECT_EQ(KESTORDepthToMask(nullptr, mask, 3, 2), 4);
-    EXPECT_EQ(KESTORDepthToMask(depth, mask, 0, 2), 4);
-    EXPECT_EQ(KESTORDepthToMask(depth, mask, 3, 0), 4);
-    for (uint8_t m : mask) EXPECT_EQ(m, 7);
     ASSERT_EQ(KESTORDepthToMask(depth, mask, 3, 2), 0);
     const uint8_t expect[6] = {255, 0, 0, 0, 255, 255};
     EXPECT_EQ(std::memcmp(mask, expect, 6), 0);
