@@ -6,6 +6,7 @@
 #include "image/filter_kernels.h"
 #include "image/vertex_normal_maps.h"
 #include "kestor.h"
+#include "gray_stages.h"
 #include "support/image_compare.h"
 #include "support/synthetic_scene.h"
 
@@ -61,7 +62,6 @@ struct Input {
 TEST(CalcPyramid, OddSizesAreSampledLevelByLevelWithNormalsAndGradientsPerLevel) {
     const int w = 81, h = 61, levels = 3;  // levels 81x61, 40x30, 20x15
     const Input in(w, h);
-    const std::vector<float> k = smoothKernel(0.5);
     for (bool useMagnitude : {false, true}) {
         SCOPED_TRACE(useMagnitude ? "magnitude" : "gray");
         Pyramid p(w, h, levels);
@@ -87,19 +87,10 @@ TEST(CalcPyramid, OddSizesAreSampledLevelByLevelWithNormalsAndGradientsPerLevel)
             EXPECT_TRUE(bitwiseEqual(nmap, p.values(1, l))) << l;
             // Gray: smoothed through a scratch buffer, optionally its gradient magnitude; then the
             // central gradients of it.
-            std::vector<float> tmp(raw.size()), gray(raw.size()), gx(raw.size()), gy(raw.size());
-            filterColumns(packedView<const float>(raw.data(), wl, hl), k.data(), 5, packedView(tmp.data(), wl, hl));
-            filterRows(packedView<const float>(tmp.data(), wl, hl), k.data(), 5, packedView(gray.data(), wl, hl));
-            for (int pass = useMagnitude ? 0 : 1; pass < 2; ++pass) {
-                centralGradientX(packedView<const float>(gray.data(), wl, hl), packedView(gx.data(), wl, hl));
-                centralGradientY(packedView<const float>(gray.data(), wl, hl), packedView(gy.data(), wl, hl));
-                if (pass == 0)
-                    gradientMagnitude(packedView<const float>(gx.data(), wl, hl),
-                                      packedView<const float>(gy.data(), wl, hl), packedView(gray.data(), wl, hl));
-            }
-            EXPECT_TRUE(bitwiseEqual(gray, p.values(2, l))) << l;
-            EXPECT_TRUE(bitwiseEqual(gx, p.values(3, l))) << l;
-            EXPECT_TRUE(bitwiseEqual(gy, p.values(4, l))) << l;
+            const kestor_test::GrayStages g = kestor_test::grayStages(raw, wl, hl, 0.5, false, useMagnitude);
+            EXPECT_TRUE(bitwiseEqual(g.gray, p.values(2, l))) << l;
+            EXPECT_TRUE(bitwiseEqual(g.gx, p.values(3, l))) << l;
+            EXPECT_TRUE(bitwiseEqual(g.gy, p.values(4, l))) << l;
         }
     }
 }
