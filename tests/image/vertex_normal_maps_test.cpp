@@ -69,6 +69,20 @@ std::vector<Float3> referenceNormals(const std::vector<Float3>& p, int w, int h)
     return n;
 }
 
+// Back-projection as a plain loop, with the factors formed as the kernel forms them.
+std::vector<Float3> referenceVertices(const std::vector<float>& depth, const uint8_t* mask, int w, int h,
+                                      const Intrinsics& k) {
+    std::vector<Float3> v(depth.size(), Float3{0, 0, 0});
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            const size_t i = size_t(y * w + x);
+            const float d = depth[i];
+            if ((mask == nullptr || mask[i] != 0) && d > 0)
+                v[i] = Float3{d * ((float(x) - k.cx) / k.fx), d * ((float(y) - k.cy) / k.fy), d};
+        }
+    return v;
+}
+
 }  // namespace
 
 // Planes turned by `tilt` about a slanted axis, the first with a box in front, head-on. Where a
@@ -159,23 +173,6 @@ TEST(DepthToVmapNmap, BadDepthMaskedLoneAndThinGiveZeros) {
     for (const Float3& n : nmap) EXPECT_TRUE(n.x == 0 && n.y == 0 && n.z == 0);
 }
 
-namespace {
-
-// Back-projection as a plain loop, with the factors formed as the kernel forms them.
-std::vector<Float3> referenceVertices(const std::vector<float>& depth, const uint8_t* mask, int w, int h,
-                                      const Intrinsics& k) {
-    std::vector<Float3> v(depth.size(), Float3{0, 0, 0});
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-            const size_t i = size_t(y * w + x);
-            const float d = depth[i];
-            if ((mask == nullptr || mask[i] != 0) && d > 0)
-                v[i] = Float3{d * ((float(x) - k.cx) / k.fx), d * ((float(y) - k.cy) / k.fy), d};
-        }
-    return v;
-}
-
-}  // namespace
 
 TEST(DepthToVmapNmap, RealFramesWithHolesMasksAndOddSizesGiveTheBitsOfThePlainLoops) {
     int w = 0, h = 0;
