@@ -186,8 +186,9 @@ TEST(DepthToVmapNmap, RealFramesWithHolesMasksAndOddSizesGiveTheBitsOfThePlainLo
     scene.addPlane({0.9, 0, 2.0}, {std::sin(1.49), 0, -std::cos(1.49)});
     scene.addBox({-0.5, -0.4, 1.2}, {-0.1, 0.1, 1.6});
     const std::vector<float> room = scene.render(cam, Pose()).depth;
-    const double K[9] = {525.0, 0, 319.5, 0, 525.0, 239.5, 0, 0, 1};
-    const Intrinsics k{525.0f, 525.0f, 319.5f, 239.5f};
+    // fy apart from fx, so that the two cannot stand in for each other.
+    const double K[9] = {525.0, 0, 319.5, 0, 520.0, 239.5, 0, 0, 1};
+    const Intrinsics k{525.0f, 520.0f, 319.5f, 239.5f};
 
     struct Case {
         const char* name;
