@@ -104,14 +104,11 @@ TEST(FrameMemory, ReduceWithCacheSpillsThePlanesTheInstanceHas) {
         }
         const uint64_t perFrame = 1 + c.color + c.mask;
         EXPECT_EQ(a->cacheState, 7u);
-        EXPECT_EQ(a->info.depth, nullptr);
-        EXPECT_EQ(a->info.color, nullptr);
-        EXPECT_EQ(a->info.mask, nullptr);
+        EXPECT_TRUE(!a->info.depth && !a->info.color && !a->info.mask && !a->levels[0].vmap);
         EXPECT_EQ(a->depthRecord, 0u);
         EXPECT_EQ(a->colorRecord, c.color ? 1u : kNoRecord);
         EXPECT_EQ(a->maskRecord, c.mask ? perFrame - 1 : kNoRecord);
         EXPECT_EQ(b->depthRecord, perFrame);  // directly after a's last record
-        EXPECT_EQ(a->levels[0].vmap, nullptr);
         EXPECT_EQ(fx.f->imagePool->take(), imageB);  // image blocks are back in the pool
 
         float depth[kPixels];

@@ -46,10 +46,7 @@ TEST(Instance, StartsWithTheDefaultsAndRoundTripsEveryParameter) {
     ASSERT_EQ(KESTORSetPara(h, &changed), 0);
     ASSERT_EQ(KESTORGetPara(h, &p), 0);
     EXPECT_TRUE(samePara(p, changed));
-    EXPECT_EQ(impl(h).fx, 500);
-    EXPECT_EQ(impl(h).fy, 510);
-    EXPECT_EQ(impl(h).cx, 31.5);
-    EXPECT_EQ(impl(h).cy, 23.5);
+    EXPECT_TRUE(impl(h).fx == 500 && impl(h).fy == 510 && impl(h).cx == 31.5 && impl(h).cy == 23.5);
     EXPECT_EQ(impl(h).levelIterations, std::vector<int32_t>({10, 5, 3}));
     EXPECT_EQ(impl(h).levelDistances, std::vector<double>({0.1, 0.2, 0.3}));
     for (auto stop : {&impl(h).frameStop, &impl(h).traceStop, &impl(h).groupStop,

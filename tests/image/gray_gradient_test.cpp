@@ -7,6 +7,7 @@
 #include "image/filter_kernels.h"
 #include "image/gray_gradient.h"
 #include "kestor.h"
+#include "gray_stages.h"
 #include "support/image_compare.h"
 
 using namespace kestor;
@@ -59,51 +60,22 @@ TEST(CalcGrayAndGradient, ParallelEqualsSerialExceptGradientXAtTheStripBorders) 
     }
 }
 
+// Bit for bit the steps: the gray smoothed in place (each pass reading what the last one wrote,
+// which differs from smoothing through a scratch buffer), the optional magnitude, the gradients.
 TEST(CalcGrayAndGradient, GrayIsSmoothedInPlaceThenOptionalMagnitudeThenCentralGradients) {
     const int w = 33, h = 21;
     const std::vector<uint8_t> color = kestor_test::randomColor(w, h, 5);
-    std::vector<float> gray(size_t(w * h)), scratch(gray.size()), gx(gray.size()), gy(gray.size());
+    std::vector<float> gray(size_t(w * h));
     colorToGray(packedView(reinterpret_cast<const Byte3*>(color.data()), w, h), packedView(gray.data(), w, h));
-    std::vector<float> inPlace = gray, apart = gray;
-    const std::vector<float> k = smoothKernel(1.6);
-    const auto view = packedView(inPlace.data(), w, h), other = packedView(apart.data(), w, h);
-    filterColumns(constView(view), k.data(), int(k.size()), view);  // reads rows already filtered
-    filterRows(constView(view), k.data(), int(k.size()), view);
-    filterColumns(constView(other), k.data(), int(k.size()), packedView(scratch.data(), w, h));
-    filterRows(packedView<const float>(scratch.data(), w, h), k.data(), int(k.size()), other);
-    gaussianSmooth(packedView<const float>(gray.data(), w, h), 1.6, packedView(gray.data(), w, h));
-    EXPECT_TRUE(bitwiseEqual(gray, inPlace));
-    const auto gradients = [&] {
-        centralGradientX(constView(view), packedView(gx.data(), w, h));
-        centralGradientY(constView(view), packedView(gy.data(), w, h));
-    };
+    const std::vector<float> apart = kestor_test::grayStages(gray, w, h, 1.6, false, false).gray;
     for (bool useMagnitude : {false, true}) {
         const Maps m = runExport(color, w, h, 1.6, useMagnitude, false);
+        const kestor_test::GrayStages s = kestor_test::grayStages(gray, w, h, 1.6, true, useMagnitude);
+        EXPECT_TRUE(bitwiseEqual(m.gray, s.gray) && bitwiseEqual(m.gx, s.gx) && bitwiseEqual(m.gy, s.gy)) << useMagnitude;
         EXPECT_TRUE(useMagnitude || !bitwiseEqual(m.gray, apart));
-        if (useMagnitude) {  // the gray map becomes the gradient magnitude of the smoothed gray
-            gradients();
-            gradientMagnitude(packedView<const float>(gx.data(), w, h), packedView<const float>(gy.data(), w, h), view);
-        }
-        gradients();
-        EXPECT_TRUE(bitwiseEqual(m.gray, inPlace) && bitwiseEqual(m.gx, gx) && bitwiseEqual(m.gy, gy)) << useMagnitude;
     }
-}
-
-TEST(CalcGrayAndGradient, BadArgumentsReturnFourAndWriteNothing) {
-    const int w = 8, h = 4;
-    const std::vector<uint8_t> color(size_t(w * h * 3), 100);
-    std::vector<float> gray(size_t(w * h), kSentinel), gx(gray), gy(gray);
-    const uint8_t* c = color.data();
-    float *g = gray.data(), *x = gx.data(), *y = gy.data();
-    EXPECT_EQ(KESTORCalcGrayAndGradient(nullptr, g, x, y, w, h, 1.0, false, false), 4);
-    EXPECT_EQ(KESTORCalcGrayAndGradient(c, nullptr, x, y, w, h, 1.0, false, false), 4);
-    EXPECT_EQ(KESTORCalcGrayAndGradient(c, g, nullptr, y, w, h, 1.0, false, false), 4);
-    EXPECT_EQ(KESTORCalcGrayAndGradient(c, g, x, nullptr, w, h, 1.0, false, false), 4);
-    EXPECT_EQ(KESTORCalcGrayAndGradient(c, g, x, y, 0, h, 1.0, false, false), 4);
-    EXPECT_EQ(KESTORCalcGrayAndGradient(c, g, x, y, w, -1, 1.0, false, false), 4);
-    // sigma sets the kernel's length: NaN, infinite or huge is refused, not converted to an int.
-    for (double sigma : {std::nan(""), HUGE_VAL, -HUGE_VAL, 1e300, 1000.5})
-        EXPECT_EQ(KESTORCalcGrayAndGradient(c, g, x, y, w, h, sigma, false, true), 4) << sigma;
-    for (const auto* v : {&gray, &gx, &gy})
-        EXPECT_TRUE(std::all_of(v->begin(), v->end(), [](float f) { return f == kSentinel; }));
+    // The smoothing of a single gray image works in place the same way.
+    const std::vector<float> inPlace = kestor_test::grayStages(gray, w, h, 1.6, true, false).gray;
+    gaussianSmooth(packedView<const float>(gray.data(), w, h), 1.6, packedView(gray.data(), w, h));
+    EXPECT_TRUE(bitwiseEqual(gray, inPlace));
 }

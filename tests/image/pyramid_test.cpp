@@ -6,6 +6,7 @@
 #include "image/filter_kernels.h"
 #include "image/vertex_normal_maps.h"
 #include "kestor.h"
+#include "gray_stages.h"
 #include "support/image_compare.h"
 #include "support/synthetic_scene.h"
 
@@ -61,7 +62,6 @@ struct Input {
 TEST(CalcPyramid, OddSizesAreSampledLevelByLevelWithNormalsAndGradientsPerLevel) {
     const int w = 81, h = 61, levels = 3;  // levels 81x61, 40x30, 20x15
     const Input in(w, h);
-    const std::vector<float> k = smoothKernel(0.5);
     for (bool useMagnitude : {false, true}) {
         SCOPED_TRACE(useMagnitude ? "magnitude" : "gray");
         Pyramid p(w, h, levels);
@@ -87,19 +87,10 @@ TEST(CalcPyramid, OddSizesAreSampledLevelByLevelWithNormalsAndGradientsPerLevel)
             EXPECT_TRUE(bitwiseEqual(nmap, p.values(1, l))) << l;
             // Gray: smoothed through a scratch buffer, optionally its gradient magnitude; then the
             // central gradients of it.
-            std::vector<float> tmp(raw.size()), gray(raw.size()), gx(raw.size()), gy(raw.size());
-            filterColumns(packedView<const float>(raw.data(), wl, hl), k.data(), 5, packedView(tmp.data(), wl, hl));
-            filterRows(packedView<const float>(tmp.data(), wl, hl), k.data(), 5, packedView(gray.data(), wl, hl));
-            for (int pass = useMagnitude ? 0 : 1; pass < 2; ++pass) {
-                centralGradientX(packedView<const float>(gray.data(), wl, hl), packedView(gx.data(), wl, hl));
-                centralGradientY(packedView<const float>(gray.data(), wl, hl), packedView(gy.data(), wl, hl));
-                if (pass == 0)
-                    gradientMagnitude(packedView<const float>(gx.data(), wl, hl),
-                                      packedView<const float>(gy.data(), wl, hl), packedView(gray.data(), wl, hl));
-            }
-            EXPECT_TRUE(bitwiseEqual(gray, p.values(2, l))) << l;
-            EXPECT_TRUE(bitwiseEqual(gx, p.values(3, l))) << l;
-            EXPECT_TRUE(bitwiseEqual(gy, p.values(4, l))) << l;
+            const kestor_test::GrayStages g = kestor_test::grayStages(raw, wl, hl, 0.5, false, useMagnitude);
+            EXPECT_TRUE(bitwiseEqual(g.gray, p.values(2, l))) << l;
+            EXPECT_TRUE(bitwiseEqual(g.gx, p.values(3, l))) << l;
+            EXPECT_TRUE(bitwiseEqual(g.gy, p.values(4, l))) << l;
         }
     }
 }
@@ -126,31 +117,14 @@ TEST(CalcPyramid, MissingColourGrayOrGradientArraysSkipTheirSteps) {
     }
 }
 
-TEST(CalcPyramid, BadArgumentsReturnFourAndWriteNothing) {
+TEST(CalcPyramid, OneLevelGivesTheSingleImageMapsAndAnEmptyLevelIsSkipped) {
     const int w = 16, h = 12;
     const Input in(w, h);
-    const double* K = in.K.data();
-    const float* d = in.frame.depth.data();
     Pyramid p(w, h, 1);
-    float **v = p.ptr[0].data(), **n = p.ptr[1].data();
-    EXPECT_EQ(KESTORCalcPyramidVmapNmap(nullptr, d, nullptr, nullptr, v, n, nullptr, nullptr, nullptr, w, h, 1, false), 4);
-    EXPECT_EQ(KESTORCalcPyramidVmapNmap(K, nullptr, nullptr, nullptr, v, n, nullptr, nullptr, nullptr, w, h, 1, false), 4);
-    EXPECT_EQ(KESTORCalcPyramidVmapNmap(K, d, nullptr, nullptr, nullptr, n, nullptr, nullptr, nullptr, w, h, 1, false), 4);
-    EXPECT_EQ(KESTORCalcPyramidVmapNmap(K, d, nullptr, nullptr, v, nullptr, nullptr, nullptr, nullptr, w, h, 1, false), 4);
-    EXPECT_EQ(KESTORCalcPyramidVmapNmap(K, d, nullptr, nullptr, v, n, nullptr, nullptr, nullptr, 0, h, 1, false), 4);
-    EXPECT_EQ(KESTORCalcPyramidVmapNmap(K, d, nullptr, nullptr, v, n, nullptr, nullptr, nullptr, w, 0, 1, false), 4);
-    EXPECT_EQ(KESTORCalcPyramidVmapNmap(K, d, nullptr, nullptr, v, n, nullptr, nullptr, nullptr, w, h, 0, false), 4);
-    EXPECT_TRUE(p.untouched(0, 0) && p.untouched(1, 0));
-    // Past 32 levels a level's size would be a shift beyond an int's bits (x86 takes a shift by 32
-    // as none, and level 32 came out full size).
-    std::vector<float> full(size_t(w * h * 3), kSentinel);
-    std::vector<float*> deep(33, full.data());
-    EXPECT_EQ(KESTORCalcPyramidVmapNmap(K, d, nullptr, nullptr, deep.data(), deep.data(), nullptr, nullptr, nullptr, w, h, 33, false), 4);
-    EXPECT_TRUE(std::all_of(full.begin(), full.end(), [](float x) { return x == kSentinel; }));
     // One level: the maps of the single-image export.
     ASSERT_EQ(p.run(in.K, in.frame, nullptr, false, false, false), 0);
     std::vector<float> vmap(size_t(w * h * 3)), nmap(vmap.size());
-    ASSERT_EQ(KESTORDepthToVmapNmap(K, d, nullptr, vmap.data(), nmap.data(), w, h), 0);
+    ASSERT_EQ(KESTORDepthToVmapNmap(in.K.data(), in.frame.depth.data(), nullptr, vmap.data(), nmap.data(), w, h), 0);
     EXPECT_TRUE(bitwiseEqual(vmap, p.values(0, 0)) && bitwiseEqual(nmap, p.values(1, 0)));
     // A one-pixel-wide image has an empty level 1: it succeeds and nothing is written there.
     Pyramid thin(1, h, 2);
