@@ -1,13 +1,16 @@
-// Bad arguments at every key-point export: status 4 and nothing written or called. Each row
-// spoils one argument: a null pointer or a count below 1.
+// Bad arguments at every key-point export: status 4, nothing written and no callback. Each row
+// spoils one argument: a null pointer, a count below 1, or counts whose products do not fit an
+// int (the buffers are far too small for what those counts claim, so any read would show).
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <vector>
 
 #include "kestor.h"
 
 namespace {
+
+const float kPoints[12] = {0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1};
+const float kDescriptors[8] = {0, 1, 2, 3, 4, 5, 6, 7};
 
 struct Outputs {
     double pose[12];
@@ -23,55 +26,76 @@ struct Outputs {
 
 void countCall(const KESTORIndexPair*, int, void* context) { ++static_cast<Outputs*>(context)->calls; }
 
-const float kPoints[12] = {0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1};
-const float kDescriptors[8] = {0, 1, 2, 3, 4, 5, 6, 7};
-
-// The arguments in the order the key-point matchers take them; `bad` picks the one to spoil.
+// What the key-point exports share. The descriptor matcher reads the target descriptors as train
+// and the source ones as query; absolute orientation takes the points and the target count.
 struct Args {
     const float *tp = kPoints, *td = kDescriptors, *sp = kPoints, *sd = kDescriptors;
     int tc = 4, sc = 4, dim = 2;
-    double* result;
-    Args(int bad, double* out) : result(out) {
-        const float** pointers[4] = {&tp, &td, &sp, &sd};
-        if (bad < 4) *pointers[bad] = nullptr;
-        tc = bad == 4 ? 0 : 4;
-        sc = bad == 5 ? -3 : 4;
-        dim = bad == 6 ? 0 : 2;
-        if (bad == 7) result = nullptr;
-    }
+    bool noOutput = false;  // the result, or the descriptor matcher's matches
 };
+
+enum Export { kRansac = 1, kIterative = 2, kDescriptor = 4, kOrientation = 8 };
+
+int call(Export e, const Args& a, Outputs& o) {
+    double* result = a.noOutput ? nullptr : o.pose;
+    switch (e) {
+    case kRansac:
+        return KESTORMatchKeyPointsRansac(a.tp, kPoints, a.td, a.tc, a.sp, kPoints, a.sd, a.sc,
+                                          a.dim, result, 10, 0.9, 0.1, false, true, &countCall, &o);
+    case kIterative:
+        return KESTORMatchKeyPointsIterative(a.tp, a.td, a.tc, a.sp, a.sd, a.sc, a.dim, result,
+                                             10, 1.0, 0.1, false, true, &countCall, &o);
+    case kDescriptor:
+        return KESTORMatchDescriptor(a.td, a.tc, a.sd, a.noOutput ? nullptr : o.matches,
+                                     o.distances, a.sc, a.dim, true, true);
+    default:
+        return KESTORAbsoluteOrientation(a.tp, a.sp, a.tc, result);
+    }
+}
 
 }  // namespace
 
 TEST(KeyPointExports, EveryExportRejectsBadArgumentsWritingNothing) {
+    const int matchers = kRansac | kIterative, all = matchers | kDescriptor | kOrientation;
+    const struct {
+        const char* what;
+        int exports;
+        void (*spoil)(Args&);
+    } rows[] = {
+        {"target points", matchers | kOrientation, [](Args& a) { a.tp = nullptr; }},
+        {"target descriptors", matchers | kDescriptor, [](Args& a) { a.td = nullptr; }},
+        {"source points", matchers | kOrientation, [](Args& a) { a.sp = nullptr; }},
+        {"source descriptors", matchers | kDescriptor, [](Args& a) { a.sd = nullptr; }},
+        {"no target", all, [](Args& a) { a.tc = 0; }},
+        {"negative source count", matchers | kDescriptor, [](Args& a) { a.sc = -3; }},
+        {"dimension 0", matchers | kDescriptor, [](Args& a) { a.dim = 0; }},
+        {"no output", all, [](Args& a) { a.noOutput = true; }},
+        // 2^30 points hold 3 * 2^30 floats (and 2^31 descriptor values); 70000 descriptors of
+        // 70000 values wrap an int.
+        {"target points times three", all, [](Args& a) { a.tc = 1 << 30; }},
+        {"source points times three", matchers | kDescriptor, [](Args& a) { a.sc = 1 << 30; }},
+        {"target descriptors", matchers | kDescriptor, [](Args& a) { a.tc = a.dim = 70000; }},
+        {"source descriptors", matchers | kDescriptor, [](Args& a) { a.sc = a.dim = 70000; }},
+    };
     Outputs o;
-    for (int bad = 0; bad < 8; ++bad) {
-        const Args a(bad, o.pose);
-        EXPECT_EQ(KESTORMatchKeyPointsRansac(a.tp, kPoints, a.td, a.tc, a.sp, kPoints, a.sd, a.sc,
-                                             a.dim, a.result, 10, 0.9, 0.1, false, true,
-                                             &countCall, &o),
-                  4) << bad;
-        EXPECT_EQ(KESTORMatchKeyPointsIterative(a.tp, a.td, a.tc, a.sp, a.sd, a.sc, a.dim,
-                                                a.result, 10, 1.0, 0.1, false, true, &countCall, &o),
-                  4) << bad;
-        // The descriptor matcher: train, query, matches, and the three counts.
-        const float* d = kDescriptors;
-        EXPECT_EQ(KESTORMatchDescriptor(bad == 0 ? nullptr : d, bad == 1 ? 0 : 4,
-                                        bad == 2 ? nullptr : d, bad == 3 || bad > 5 ? nullptr : o.matches,
-                                        o.distances, bad == 4 ? 0 : 4, bad == 5 ? 0 : 2, true, true),
-                  4) << bad;
-        // Absolute orientation: target, source, count, result.
-        EXPECT_EQ(KESTORAbsoluteOrientation(bad == 0 ? nullptr : kPoints, bad == 1 ? nullptr : kPoints,
-                                            bad == 2 ? 0 : bad == 3 ? -1 : 4,
-                                            bad >= 4 ? nullptr : o.pose),
-                  4) << bad;
-    }
+    for (const auto& row : rows)
+        for (Export e : {kRansac, kIterative, kDescriptor, kOrientation}) {
+            if ((row.exports & e) == 0) continue;
+            Args a;
+            row.spoil(a);
+            EXPECT_EQ(call(e, a, o), KESTOR_STATUS_BAD_ARGUMENT) << row.what << ", export " << e;
+        }
     EXPECT_TRUE(o.untouched());
-    // Normals are optional, the callback and the distances may be null.
+    // The unspoilt arguments pass; normals, the callback and the distances may be null.
+    for (Export e : {kRansac, kIterative, kDescriptor, kOrientation}) {
+        Outputs scratch;
+        EXPECT_EQ(call(e, Args{}, scratch), KESTOR_STATUS_OK) << e;
+    }
     EXPECT_EQ(KESTORMatchKeyPointsRansac(kPoints, nullptr, kDescriptors, 4, kPoints, nullptr,
                                          kDescriptors, 4, 2, o.pose, 10, 0.5, 0.1, false, false,
                                          nullptr, nullptr),
-              0);
-    EXPECT_EQ(KESTORMatchDescriptor(kDescriptors, 4, kDescriptors, o.matches, nullptr, 4, 2, true, false), 0);
+              KESTOR_STATUS_OK);
+    EXPECT_EQ(KESTORMatchDescriptor(kDescriptors, 4, kDescriptors, o.matches, nullptr, 4, 2, true, false),
+              KESTOR_STATUS_OK);
     EXPECT_EQ(o.matches[3], 3);
 }

@@ -95,18 +95,6 @@ TEST(TriangleAlignment, LaysARigidCopyOntoItsImage) {
     EXPECT_LT((R * R.transpose() - Eigen::Matrix3d::Identity()).norm(), 1e-5);
 }
 
-TEST(TriangleAlignment, RodriguesFormTurnsAboutTheVector) {
-    const double quarter[3] = {0, 0, M_PI / 2};
-    float R[9];
-    kestor::rodriguesRotation(quarter, R);
-    const float expected[9] = {0, -1, 0, 1, 0, 0, 0, 0, 1};
-    for (int i = 0; i < 9; ++i) EXPECT_NEAR(R[i], expected[i], 1e-7f) << i;
-    // Below 1e-7 the series limits are used: I + [w] + [w]^2 / 2.
-    const double tiny[3] = {5e-8, 0, 0};
-    kestor::rodriguesRotation(tiny, R);
-    EXPECT_TRUE(R[7] == 5e-8f && R[5] == -5e-8f && R[0] == 1.0f);
-}
-
 TEST(RansacMatch, FindsTheMotionAndTheInliersAmongManyWrongMatches) {
     // Serial and parallel over many seeds; an edge ratio of 0 passes every length test.
     unsigned seed = 100;

@@ -12,8 +12,10 @@
 
 #include "cli/sequence_folder.h"
 #include "cli/trajectory.h"
+#include "temp_dir.h"
 
 namespace fs = std::filesystem;
+using kestor_test::TempDir;
 
 namespace {
 
@@ -45,17 +47,6 @@ Result runProgram(const std::string& arguments) {
     return r;
 }
 
-struct TempDir {
-    fs::path path;
-    explicit TempDir(const std::string& name)
-        : path(fs::temp_directory_path() / ("kestor_cli_" + name)) {
-        fs::remove_all(path);
-        fs::create_directories(path);
-    }
-    ~TempDir() { fs::remove_all(path); }
-    std::string operator/(const std::string& name) const { return (path / name).string(); }
-};
-
 // The sample's first `frames` frames copied into `dir`, as a TUM folder with associations.txt.
 std::vector<std::string> copySample(const std::string& dir, int frames) {
     std::ifstream in(kSample + "/associations.txt");
@@ -81,28 +72,24 @@ std::vector<std::string> copySample(const std::string& dir, int frames) {
 
 TEST(KestorProgram, BadInputEndsWithTheFileNamedAndNoOutput) {
     REQUIRE_PROGRAM();
-    TempDir dir("bad");
+    TempDir dir;
     const std::string good = dir / "good";
     fs::create_directories(good);
     const std::vector<std::string> depth = copySample(good, 3);
-    const std::string missing = dir / "missing", corrupt = dir / "corrupt",
-                      smaller = dir / "smaller", empty = dir / "empty";
-    for (const std::string& d : {missing, corrupt, smaller}) fs::copy(good, d, fs::copy_options::recursive);
+    // One failure from opening the folder, one from decoding a frame mid-run, one from the
+    // output: the messages of each kind are checked in detail by the sequence folder tests.
+    const std::string empty = dir / "empty", corrupt = dir / "corrupt";
+    fs::copy(good, corrupt, fs::copy_options::recursive);
     fs::create_directories(empty);
     const std::string third = fs::path(depth[2]).filename().string();
-    fs::remove(missing + "/depth/" + third);
     std::ofstream(corrupt + "/depth/" + third) << "not a png";
-    cv::imwrite(smaller + "/depth/" + third, cv::Mat(240, 320, CV_16UC1, cv::Scalar(5000)));
     std::ofstream(dir / "a_file") << "x";
     const struct {
         const char* what;
         std::string sequence, output, named;
     } cases[] = {
-        {"no folder", dir / "nowhere", dir / "out1", dir / "nowhere"},
-        {"empty folder", empty, dir / "out2", empty},
-        {"listed image missing", missing, dir / "out3", missing + "/depth/" + third},
-        {"corrupt image", corrupt, dir / "out4", corrupt + "/depth/" + third},
-        {"images of different sizes", smaller, dir / "out5", smaller + "/depth/" + third},
+        {"empty folder", empty, dir / "out1", empty},
+        {"corrupt image", corrupt, dir / "out2", corrupt + "/depth/" + third},
         {"output folder not writable", good, dir / "a_file/out", dir / "a_file/out"},
     };
     for (const auto& c : cases) {
@@ -119,7 +106,7 @@ TEST(KestorProgram, BadInputEndsWithTheFileNamedAndNoOutput) {
 // per frame in each trajectory file, and a map with points, normals and colours.
 TEST(KestorProgram, SampleRunWritesTrajectoriesReportPictureAndMap) {
     REQUIRE_PROGRAM();
-    TempDir dir("sample");
+    TempDir dir;
     const Result r = runProgram("reconstruct " + kSample + " -o " + (dir / "out") +
                                 " -q --max-frames 12 --group-size 4");
     ASSERT_EQ(r.status, 0) << r.output;

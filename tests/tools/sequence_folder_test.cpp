@@ -9,26 +9,15 @@
 #include "cli/frame_decoder.h"
 #include "cli/output_files.h"
 #include "cli/sequence_folder.h"
+#include "temp_dir.h"
 
 namespace fs = std::filesystem;
 using namespace kestor_cli;
+using kestor_test::TempDir;
 
 namespace {
 
 const std::string kData = KESTOR_SHARED_DATA_DIR;
-
-struct TempDir {
-    fs::path path;
-    TempDir() {
-        path = fs::temp_directory_path() /
-               ("kestor_seq_" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) +
-                "_" + ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(path);
-        fs::create_directories(path);
-    }
-    ~TempDir() { fs::remove_all(path); }
-    std::string operator/(const std::string& name) const { return (path / name).string(); }
-};
 
 void writeText(const std::string& path, const std::string& text) {
     fs::create_directories(fs::path(path).parent_path());
