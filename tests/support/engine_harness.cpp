@@ -312,6 +312,29 @@ double trajectoryError(const std::vector<RT_<double>>& poses, const std::vector<
     return std::sqrt(sum / double(poses.size()));
 }
 
+double fusedMapError(RGBDFusionImpl& instance, const std::vector<Pose>& truth) {
+    std::vector<float> got, want;
+    auto take = [](const KESTORPointCloud* c, void* user) {
+        static_cast<std::vector<float>*>(user)->assign(c->points, c->points + 3 * c->count);
+    };
+    KESTORFusePointsMap(&instance, take, nullptr, &got);
+    const std::vector<RT_<double>> saved = recordPoses(instance);
+    if (saved.empty()) return 0;
+    const Pose truthFirst = truth[size_t(instance.frames[0]->info.id)].inverse();
+    for (_Frame* frame : instance.frames) frame->pose = toRT(truthFirst * truth[size_t(frame->info.id)]);
+    KESTORFusePointsMap(&instance, take, nullptr, &want);
+    for (size_t k = 0; k < saved.size(); ++k) instance.frames[k]->pose = saved[k];
+    if (got.size() != want.size() || got.empty()) return -1;  // not the same pixels
+    const Pose first = fromRT(saved[0]).inverse();
+    std::vector<double> d;
+    for (size_t i = 0; i + 2 < got.size(); i += 3) {
+        const Eigen::Vector3d a = first.R * Eigen::Vector3d(got[i], got[i + 1], got[i + 2]) + first.t;
+        d.push_back((a - Eigen::Vector3d(want[i], want[i + 1], want[i + 2])).norm());
+    }
+    std::nth_element(d.begin(), d.begin() + long(d.size() / 2), d.end());
+    return d[d.size() / 2];
+}
+
 Pose perturbed(const Pose& pose, int k, double scale) {
     const double sign = (k % 2) ? 1.0 : -1.0;
     return pose * Pose::fromAxisAngle({1, sign * 0.5, 0.3}, scale * 0.035,

@@ -154,6 +154,11 @@ std::vector<kestor::RT_<double>> recordPoses(const kestor::RGBDFusionImpl& insta
 // their first entry.
 double trajectoryError(const std::vector<kestor::RT_<double>>& poses, const std::vector<Pose>& truth);
 
+// Median distance between the fused map's points and the same pixels placed with the true poses
+// (`truth` by frame id), both relative to the first frame. A frame's kept pixels do not depend on
+// its pose, so the map fused again with the true poses lists the same pixels in the same order.
+double fusedMapError(kestor::RGBDFusionImpl& instance, const std::vector<Pose>& truth);
+
 // A pose moved by a few degrees and centimetres, the direction alternating with `k`.
 Pose perturbed(const Pose& pose, int k, double scale = 1.0);
 
