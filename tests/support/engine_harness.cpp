@@ -99,6 +99,15 @@ void* createFor(const FrameSource& source, int groupSize, unsigned flags, int le
     return instance;
 }
 
+void setModes(void* instance, int groupMode, int globalMode) {
+    KESTORPara para;
+    KESTORGetPara(instance, &para);
+    if (groupMode >= 0) para.groupMode = groupMode;
+    if (globalMode >= 0) para.globalMode = globalMode;
+    para.verbose = 0;
+    KESTORSetPara(instance, &para);
+}
+
 void runAll(void* instance, FrameSource& source, int workers) {
     KESTORStart(instance, workers);
     // One frame per entry of the refuse table, which may be longer than the rendered path.
@@ -107,10 +116,10 @@ void runAll(void* instance, FrameSource& source, int workers) {
     KESTORStop(instance);
 }
 
-std::vector<FramePose> framePoses(void* instance) {
+std::vector<FramePose> framePoses(void* instance, int index) {
     std::vector<FramePose> out;
     KESTORGetFrame(
-        instance, -1,
+        instance, index,
         [](const KESTORFrameInfo* frame, const double pose[3][4], void* user) {
             static_cast<std::vector<FramePose>*>(user)->push_back(
                 FramePose{frame->id, Pose::fromMatrix(&pose[0][0])});

@@ -63,15 +63,19 @@ void* createFor(const FrameSource& source, int groupSize, unsigned flags = KESTO
                                                                           KESTOR_FLAG_GRAY,
                 int levels = 3);
 
+// Sets the group and global modes (-1 keeps a mode as it is) and turns the log off.
+void setModes(void* instance, int groupMode, int globalMode = -1);
+
 // Adds a frame per entry of the source's refuse table and stops: they are through on return.
 void runAll(void* instance, FrameSource& source, int workers);
 
-// Poses of the accepted frames as KESTORGetFrame gives them, with their ids.
+// Poses of the accepted frames as KESTORGetFrame gives them (all, or the one at `index`), with
+// their ids.
 struct FramePose {
     int id;
     Pose pose;
 };
-std::vector<FramePose> framePoses(void* instance);
+std::vector<FramePose> framePoses(void* instance, int index = -1);
 
 // Root-mean-square distance between estimated and true camera positions after the rigid
 // alignment that minimises it (no scale).
