@@ -122,7 +122,7 @@ std::vector<FramePose> framePoses(void* instance, int index) {
         instance, index,
         [](const KESTORFrameInfo* frame, const double pose[3][4], void* user) {
             static_cast<std::vector<FramePose>*>(user)->push_back(
-                FramePose{frame->id, Pose::fromMatrix(&pose[0][0])});
+                FramePose{frame->id, Pose::fromMatrix(&pose[0][0]), frame->depth || frame->color});
         },
         &out);
     return out;

@@ -70,10 +70,11 @@ void setModes(void* instance, int groupMode, int globalMode = -1);
 void runAll(void* instance, FrameSource& source, int workers);
 
 // Poses of the accepted frames as KESTORGetFrame gives them (all, or the one at `index`), with
-// their ids.
+// their ids and whether the depth or colour plane was shown.
 struct FramePose {
     int id;
     Pose pose;
+    bool planes;
 };
 std::vector<FramePose> framePoses(void* instance, int index = -1);
 
