@@ -76,13 +76,9 @@ TEST(EngineSoak, TenThousandFramesKeepMemoryFlatAndEveryFrameOnce) {
     const size_t pyramidBytes = impl.pyramidBytes, frameBytes = impl.frameBytes,
                  groupBytes = impl.groupBytes;
     ASSERT_EQ(KESTORSetCachePath(instance, cache.c_str()), KESTOR_STATUS_OK);
-    KESTORPara para;
-    KESTORGetPara(instance, &para);
-    para.verbose = 0;
     // No joint alignment inside groups: this run is about memory, order and the spill file over
     // many frames, not about whether the group stage keeps pace (the engine benchmark is).
-    para.groupMode = 0;
-    KESTORSetPara(instance, &para);
+    setModes(instance, 0);
     KESTORSetTraceCallback(instance, onTrace, &soak);
     KESTORSetPairMatchFunc(instance, sequentialOnly, nullptr);
 
@@ -115,11 +111,8 @@ TEST(EngineSoak, TenThousandFramesKeepMemoryFlatAndEveryFrameOnce) {
     const double perFrame = double(frameBytes) + 2.0 * sizeof(TraceRecord);
     const double kept = double(kFrames - kWarmUp) * perFrame + double(newGroups) * perGroup;
     const double growth = double(soak.residentAtEnd - soak.residentAtWarmUp);
-    std::printf("resident %.1f MB after %d frames, %.1f MB after %d; kept on purpose %.1f MB "
-                "(pyramid %zu B, frame %zu B); groups finished %d then %d\n",
-                soak.residentAtWarmUp / 1e6, kWarmUp, soak.residentAtEnd / 1e6, kFrames, kept / 1e6,
-                pyramidBytes, frameBytes, soak.finishedAtWarmUp, soak.finishedAtEnd);
-    EXPECT_LT(growth, kept + 16e6);
+    EXPECT_LT(growth, kept + 16e6) << "resident " << soak.residentAtWarmUp << " B after warm-up, "
+                                   << soak.residentAtEnd << " B at the end";
 
     // The header counts the records, which alternate depth and colour planes of whole frames.
     std::FILE* file = std::fopen(cache.c_str(), "rb");

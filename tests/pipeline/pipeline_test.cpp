@@ -39,12 +39,7 @@ struct EngineRun {
         source.truth = path40().truth;
         source.refuse.assign(source.frames.size(), false);
         instance = createFor(source, groupSize, flags);
-        KESTORPara para;
-        KESTORGetPara(instance, &para);
-        para.groupMode = groupMode;
-        para.globalMode = globalMode;
-        para.verbose = 0;
-        KESTORSetPara(instance, &para);
+        setModes(instance, groupMode, globalMode);
         KESTORSetTraceCallback(instance, recordTrace, &trace);
     }
     ~EngineRun() { KESTORDestroyInstance(instance); }
@@ -118,18 +113,10 @@ TEST(Pipeline, ARefusedFillLeavesAGapInTheIdsAndNoTrace) {
     const std::vector<FramePose> poses = framePoses(run.instance);
     ASSERT_EQ(poses.size(), 2u);
     EXPECT_EQ(poses[1].id, 2);
-    double row[3][4];
-    int seen = -1;
-    struct Got { double (*pose)[4]; int* id; } got{row, &seen};
-    KESTORGetFrame(run.instance, 1,
-                   [](const KESTORFrameInfo* f, const double pose[3][4], void* u) {
-                       auto* g = static_cast<Got*>(u);
-                       *g->id = f->id;
-                       std::copy(&pose[0][0], &pose[0][0] + 12, &g->pose[0][0]);
-                   },
-                   &got);
-    EXPECT_EQ(seen, 2);
-    EXPECT_NEAR(row[0][3], poses[1].pose.t.x(), 1e-12);
+    const std::vector<FramePose> second = framePoses(run.instance, 1);
+    ASSERT_EQ(second.size(), 1u);
+    EXPECT_EQ(second[0].id, 2);
+    EXPECT_NEAR(second[0].pose.t.x(), poses[1].pose.t.x(), 1e-12);
 }
 
 // groupSize 3: frames 0..3 are group 0 (four members), frame 3 also member 0 of group 1.
@@ -144,12 +131,8 @@ TEST(Pipeline, GroupsShareTheirOverlapFrameAndTheTrackedPathFollowsTheTruth) {
         EXPECT_EQ(run.trace.calls[size_t(k)].groupId, groupIds[k]) << k;
         EXPECT_EQ(run.trace.calls[size_t(k)].matchResult, 0) << k;
     }
-    const RGBDFusionImpl& f = run.impl();
-    ASSERT_EQ(f.groups.size(), 2u);
-    EXPECT_EQ(f.groups[0]->frameCount, 4);
-    EXPECT_EQ(f.groups[1]->frameCount, 2);
-    EXPECT_EQ(f.groups[0]->frames[3], f.groups[1]->frames[0]);
-    EXPECT_EQ(f.finishedGroups.load(), 2);  // the open last group is finished by the stop
+    ASSERT_EQ(run.impl().groups.size(), 2u);
+    EXPECT_EQ(run.impl().finishedGroups.load(), 2);  // the open last group is finished by the stop
     const std::vector<FramePose> poses = framePoses(run.instance);
     const Pose origin = run.source.truth[0].inverse();
     for (const FramePose& p : poses) {
@@ -249,21 +232,9 @@ TEST(Pipeline, SpilledFramesShowNullPlanesAndKeepTheirPoses) {
     KESTORStart(run.instance, 2);
     run.add(5);
     KESTORStop(run.instance);
-    struct Seen {
-        int nullDepth = 0, frames = 0;
-        double lastX = 0;
-    } seen;
-    KESTORGetFrame(run.instance, -1,
-                   [](const KESTORFrameInfo* f, const double pose[3][4], void* u) {
-                       auto* s = static_cast<Seen*>(u);
-                       s->nullDepth += f->depth == nullptr && f->color == nullptr;
-                       ++s->frames;
-                       s->lastX = pose[0][3];
-                   },
-                   &seen);
-    EXPECT_EQ(seen.frames, 5);
-    EXPECT_EQ(seen.nullDepth, 5);  // every frame reduced twice by the end of the stop
     const std::vector<FramePose> poses = framePoses(run.instance);
+    ASSERT_EQ(poses.size(), 5u);
+    for (const FramePose& p : poses) EXPECT_FALSE(p.planes) << "every frame reduced twice by the end of the stop";
     const Pose truth = run.source.truth[0].inverse() * run.source.truth[4];
     EXPECT_LT(translationError(poses[4].pose, truth), 0.005);
     EXPECT_EQ(run.impl().cache->recordCount(), 10u);  // depth and colour of each

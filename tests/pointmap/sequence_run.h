@@ -1,9 +1,8 @@
 #pragma once
-// A recorded or rendered RGB-D sequence run through the whole engine: loading (optionally at
-// half resolution, by taking every second pixel, which keeps the geometry exact), the run from
-// KESTORStart to KESTORStop, and the errors against the ground truth. Header only, so that the
-// benchmarks can use it as well.
-#include <algorithm>
+// A recorded or rendered RGB-D sequence for the point-map benchmarks: loading (optionally at half
+// resolution, by taking every second pixel, which keeps the geometry exact), an instance for it,
+// and the trajectory error of the engine's poses against the ground truth. Header only, as the
+// benchmarks do not link the test support library.
 #include <cmath>
 #include <cstring>
 #include <string>
@@ -11,7 +10,6 @@
 
 #include <Eigen/Geometry>
 
-#include "core/fusion_instance.h"
 #include "io/png_image.h"
 #include "io/rgbd_sequence.h"
 #include "kestor.h"
@@ -57,15 +55,6 @@ inline LoadedSequence loadSequence(const std::string& dir, int step = 1, int max
     return out;
 }
 
-inline bool fillFromSequence(KESTORFrameInfo* frame, void* user) {
-    const LoadedSequence& s = *static_cast<const LoadedSequence*>(user);
-    const size_t f = size_t(frame->id);
-    std::memcpy(frame->depth, s.depths[f].data(), s.depths[f].size() * sizeof(float));
-    if (frame->color) std::memcpy(frame->color, s.colors[f].data(), s.colors[f].size());
-    if (frame->mask) std::memset(frame->mask, 255, s.depths[f].size());
-    return true;
-}
-
 // A new instance for the sequence: three levels, groups of ten, no mask. Returns the handle.
 inline void* createFor(const LoadedSequence& s, unsigned flags = 1, const char* cachePath = nullptr) {
     const double distances[3] = {0.1, 0.2, 0.3};
@@ -78,33 +67,6 @@ inline void* createFor(const LoadedSequence& s, unsigned flags = 1, const char* 
     KESTORSetPara(handle, &para);
     if (cachePath != nullptr) KESTORSetCachePath(handle, cachePath);
     return handle;
-}
-
-// The application's pair match of the run: it agrees with the engine's own prediction for
-// consecutive frames, and, standing in for a place recogniser, offers the true relative pose as
-// the first estimate for relocalisation and for loops between groups (the engine's built-in match
-// still has to confirm and refine it). Inner matches are not asked for in the default group mode.
-inline void setPairMatch(void* handle, const LoadedSequence& s) {
-    auto& instance = *static_cast<kestor::RGBDFusionImpl*>(handle);
-    instance.pairMatchFunc = [&s](const kestor::_Frame* first, const kestor::_Frame* second,
-                                  kestor::RT_<double>& rt, kestor::_MatchFlag flag) {
-        if (flag == kestor::MATCH_SEQUENTIAL) return true;
-        const Eigen::Isometry3d p = s.truth[size_t(first->info.id)].inverse() * s.truth[size_t(second->info.id)];
-        for (int r = 0; r < 3; ++r) {
-            for (int c = 0; c < 3; ++c) rt.rotation[3 * r + c] = p.linear()(r, c);
-            rt.translation[r] = p.translation()(r);
-        }
-        return true;
-    };
-}
-
-// Start, every frame added in order, stop.
-inline void runThrough(void* handle, const LoadedSequence& s, int workers = 2) {
-    setPairMatch(handle, s);
-    KESTORStart(handle, workers);
-    for (size_t f = 0; f < s.depths.size(); ++f)
-        KESTORAddFrame(handle, fillFromSequence, const_cast<LoadedSequence*>(&s));
-    KESTORStop(handle);
 }
 
 // The accepted frames' sequence numbers and poses (frame to the first frame's coordinates).
@@ -142,46 +104,6 @@ inline double absoluteTrajectoryError(const EnginePoses& e, const LoadedSequence
         sum += (a - b).squaredNorm();
     }
     return std::sqrt(sum / double(e.poses.size()));
-}
-
-// Median distance between the fused map's points and the same pixels placed with the true poses
-// (relative to the first accepted frame). Each frame's kept pixels do not depend on its pose, so
-// the two maps list the same pixels in the same order; the true map is made by fusing the
-// frames' planes with the true poses (KESTORColorDepthToPoints, as the fused map is built).
-inline double fusedMapError(void* handle, const LoadedSequence& s) {
-    std::vector<float> fused;
-    KESTORFusePointsMap(handle,
-                        [](const KESTORPointCloud* c, void* user) {
-                            static_cast<std::vector<float>*>(user)->assign(c->points, c->points + 3 * c->count);
-                        },
-                        nullptr, &fused);
-    const EnginePoses e = enginePoses(handle);
-    if (e.poses.empty()) return 0;
-    std::vector<float> truth;
-    const Eigen::Isometry3d truthFirst = s.truth[size_t(e.ids[0])].inverse();
-    const Eigen::Isometry3d first = e.poses[0].inverse();
-    for (size_t k = 0; k < e.ids.size(); ++k) {
-        const Eigen::Isometry3d p = truthFirst * s.truth[size_t(e.ids[k])];
-        double rt[12];
-        for (int r = 0; r < 3; ++r) {
-            for (int c = 0; c < 3; ++c) rt[4 * r + c] = p.linear()(r, c);
-            rt[4 * r + 3] = p.translation()(r);
-        }
-        KESTORColorDepthToPoints(s.depths[size_t(e.ids[k])].data(), nullptr, nullptr, s.width, s.height, s.K.data(), rt,
-                                 [](const float* points, const float*, const uint8_t*, int count, void* user) {
-                                     auto& t = *static_cast<std::vector<float>*>(user);
-                                     if (points) t.insert(t.end(), points, points + 3 * count);
-                                 },
-                                 &truth);
-    }
-    if (truth.size() != fused.size() || fused.empty()) return -1;  // not the same pixels
-    std::vector<double> d(fused.size() / 3);
-    for (size_t i = 0; i < d.size(); ++i) {
-        const Eigen::Vector3d a = first * Eigen::Vector3d(fused[3 * i], fused[3 * i + 1], fused[3 * i + 2]);
-        d[i] = (a - Eigen::Vector3d(truth[3 * i], truth[3 * i + 1], truth[3 * i + 2])).norm();
-    }
-    std::nth_element(d.begin(), d.begin() + long(d.size() / 2), d.end());
-    return d[d.size() / 2];
 }
 
 }  // namespace kestor_test

@@ -99,6 +99,15 @@ void* createFor(const FrameSource& source, int groupSize, unsigned flags, int le
     return instance;
 }
 
+void setModes(void* instance, int groupMode, int globalMode) {
+    KESTORPara para;
+    KESTORGetPara(instance, &para);
+    if (groupMode >= 0) para.groupMode = groupMode;
+    if (globalMode >= 0) para.globalMode = globalMode;
+    para.verbose = 0;
+    KESTORSetPara(instance, &para);
+}
+
 void runAll(void* instance, FrameSource& source, int workers) {
     KESTORStart(instance, workers);
     // One frame per entry of the refuse table, which may be longer than the rendered path.
@@ -107,13 +116,13 @@ void runAll(void* instance, FrameSource& source, int workers) {
     KESTORStop(instance);
 }
 
-std::vector<FramePose> framePoses(void* instance) {
+std::vector<FramePose> framePoses(void* instance, int index) {
     std::vector<FramePose> out;
     KESTORGetFrame(
-        instance, -1,
+        instance, index,
         [](const KESTORFrameInfo* frame, const double pose[3][4], void* user) {
             static_cast<std::vector<FramePose>*>(user)->push_back(
-                FramePose{frame->id, Pose::fromMatrix(&pose[0][0])});
+                FramePose{frame->id, Pose::fromMatrix(&pose[0][0]), frame->depth || frame->color});
         },
         &out);
     return out;
@@ -310,6 +319,29 @@ double trajectoryError(const std::vector<RT_<double>>& poses, const std::vector<
         sum += (a.t - b.t).squaredNorm();
     }
     return std::sqrt(sum / double(poses.size()));
+}
+
+double fusedMapError(RGBDFusionImpl& instance, const std::vector<Pose>& truth) {
+    std::vector<float> got, want;
+    auto take = [](const KESTORPointCloud* c, void* user) {
+        static_cast<std::vector<float>*>(user)->assign(c->points, c->points + 3 * c->count);
+    };
+    KESTORFusePointsMap(&instance, take, nullptr, &got);
+    const std::vector<RT_<double>> saved = recordPoses(instance);
+    if (saved.empty()) return 0;
+    const Pose truthFirst = truth[size_t(instance.frames[0]->info.id)].inverse();
+    for (_Frame* frame : instance.frames) frame->pose = toRT(truthFirst * truth[size_t(frame->info.id)]);
+    KESTORFusePointsMap(&instance, take, nullptr, &want);
+    for (size_t k = 0; k < saved.size(); ++k) instance.frames[k]->pose = saved[k];
+    if (got.size() != want.size() || got.empty()) return -1;  // not the same pixels
+    const Pose first = fromRT(saved[0]).inverse();
+    std::vector<double> d;
+    for (size_t i = 0; i + 2 < got.size(); i += 3) {
+        const Eigen::Vector3d a = first.R * Eigen::Vector3d(got[i], got[i + 1], got[i + 2]) + first.t;
+        d.push_back((a - Eigen::Vector3d(want[i], want[i + 1], want[i + 2])).norm());
+    }
+    std::nth_element(d.begin(), d.begin() + long(d.size() / 2), d.end());
+    return d[d.size() / 2];
 }
 
 Pose perturbed(const Pose& pose, int k, double scale) {

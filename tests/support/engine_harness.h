@@ -63,15 +63,20 @@ void* createFor(const FrameSource& source, int groupSize, unsigned flags = KESTO
                                                                           KESTOR_FLAG_GRAY,
                 int levels = 3);
 
+// Sets the group and global modes (-1 keeps a mode as it is) and turns the log off.
+void setModes(void* instance, int groupMode, int globalMode = -1);
+
 // Adds a frame per entry of the source's refuse table and stops: they are through on return.
 void runAll(void* instance, FrameSource& source, int workers);
 
-// Poses of the accepted frames as KESTORGetFrame gives them, with their ids.
+// Poses of the accepted frames as KESTORGetFrame gives them (all, or the one at `index`), with
+// their ids and whether the depth or colour plane was shown.
 struct FramePose {
     int id;
     Pose pose;
+    bool planes;
 };
-std::vector<FramePose> framePoses(void* instance);
+std::vector<FramePose> framePoses(void* instance, int index = -1);
 
 // Root-mean-square distance between estimated and true camera positions after the rigid
 // alignment that minimises it (no scale).
@@ -153,6 +158,11 @@ std::vector<kestor::RT_<double>> recordPoses(const kestor::RGBDFusionImpl& insta
 // Root mean square of the translation errors of `poses` against `truth`, both taken relative to
 // their first entry.
 double trajectoryError(const std::vector<kestor::RT_<double>>& poses, const std::vector<Pose>& truth);
+
+// Median distance between the fused map's points and the same pixels placed with the true poses
+// (`truth` by frame id), both relative to the first frame. A frame's kept pixels do not depend on
+// its pose, so the map fused again with the true poses lists the same pixels in the same order.
+double fusedMapError(kestor::RGBDFusionImpl& instance, const std::vector<Pose>& truth);
 
 // A pose moved by a few degrees and centimetres, the direction alternating with `k`.
 Pose perturbed(const Pose& pose, int k, double scale = 1.0);

@@ -4,24 +4,7 @@
 
 namespace kestor_test {
 
-using kestor::Float3;
 using kestor::ImageView;
-
-ImageView<const Float3> LevelMaps::vertices() const {
-    return kestor::packedView(vmap.data(), width, height);
-}
-ImageView<const Float3> LevelMaps::normals() const {
-    return kestor::packedView(nmap.data(), width, height);
-}
-ImageView<const float> LevelMaps::grayView() const {
-    return kestor::packedView(gray.data(), width, height);
-}
-ImageView<const float> LevelMaps::gradXView() const {
-    return kestor::packedView(gradX.data(), width, height);
-}
-ImageView<const float> LevelMaps::gradYView() const {
-    return kestor::packedView(gradY.data(), width, height);
-}
 
 kestor::Intrinsics intrinsicsOf(const Camera& c) {
     return kestor::Intrinsics{float(c.fx), float(c.fy), float(c.cx), float(c.cy)};

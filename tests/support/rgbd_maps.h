@@ -15,11 +15,15 @@ struct LevelMaps {
     std::vector<kestor::Float3> vmap, nmap;
     std::vector<float> gray, gradX, gradY;
 
-    kestor::ImageView<const kestor::Float3> vertices() const;
-    kestor::ImageView<const kestor::Float3> normals() const;
-    kestor::ImageView<const float> grayView() const;
-    kestor::ImageView<const float> gradXView() const;
-    kestor::ImageView<const float> gradYView() const;
+    kestor::ImageView<const kestor::Float3> vertices() const { return view(vmap); }
+    kestor::ImageView<const kestor::Float3> normals() const { return view(nmap); }
+    kestor::ImageView<const float> grayView() const { return view(gray); }
+    kestor::ImageView<const float> gradXView() const { return view(gradX); }
+    kestor::ImageView<const float> gradYView() const { return view(gradY); }
+    template <typename T>
+    kestor::ImageView<const T> view(const std::vector<T>& plane) const {
+        return kestor::packedView(plane.data(), width, height);
+    }
 };
 
 kestor::Intrinsics intrinsicsOf(const Camera& camera);
