@@ -19,10 +19,10 @@
 #include "core/frame_memory.h"
 #include "pipeline/frame_intake.h"
 #include "pipeline/group_finishing.h"
-#include "pointmap/sequence_run.h"
+#include "sequence_run.h"
 
 using namespace kestor;
-using kestor_test::LoadedSequence;
+using kestor_bench::LoadedSequence;
 
 namespace {
 
@@ -35,7 +35,7 @@ struct Engine {
     std::vector<RT_<double>> start;
     RGBDFusionImpl& instance() const { return *static_cast<RGBDFusionImpl*>(handle); }
     Engine(const LoadedSequence& s, int frames, bool spill, double perturb, bool pyramids) {
-        handle = kestor_test::createFor(s, 1, spill ? "/tmp/kestor_bench_point_maps.cache" : nullptr);
+        handle = kestor_bench::createFor(s, 1, spill ? "/tmp/kestor_bench_point_maps.cache" : nullptr);
         RGBDFusionImpl& f = instance();
         f.para.groupMode = 0;
         const Eigen::Isometry3d first = s.truth[0].inverse();
@@ -78,7 +78,7 @@ struct Engine {
 const LoadedSequence& sequence(const std::string& name) {
     static std::map<std::string, std::unique_ptr<LoadedSequence>> cache;
     auto& entry = cache[name];
-    if (!entry) entry.reset(new LoadedSequence(kestor_test::loadSequence(std::string(KESTOR_SHARED_DATA_DIR) + "/" + name)));
+    if (!entry) entry.reset(new LoadedSequence(kestor_bench::loadSequence(std::string(KESTOR_SHARED_DATA_DIR) + "/" + name)));
     return *entry;
 }
 
@@ -139,7 +139,7 @@ void noCloud(const KESTORPointCloud*, void*) {}
 void BM_OptimizePointsMap_Loop(benchmark::State& state) {
     const LoadedSequence& s = sequence("synth-loop");
     Engine engine(s, int(s.depths.size()), state.range(0) != 0, 0.004, true);
-    state.counters["ate_before_m"] = kestor_test::absoluteTrajectoryError(kestor_test::enginePoses(engine.handle), s);
+    state.counters["ate_before_m"] = kestor_bench::absoluteTrajectoryError(kestor_bench::enginePoses(engine.handle), s);
     double groups = 0, between = 0;
     for (auto _ : state) {
         engine.restorePoses();
@@ -152,7 +152,7 @@ void BM_OptimizePointsMap_Loop(benchmark::State& state) {
     }
     state.counters["groups_share"] = groups / (groups + between);
     state.counters["between_share"] = between / (groups + between);
-    state.counters["ate_after_m"] = kestor_test::absoluteTrajectoryError(kestor_test::enginePoses(engine.handle), s);
+    state.counters["ate_after_m"] = kestor_bench::absoluteTrajectoryError(kestor_bench::enginePoses(engine.handle), s);
 }
 
 }  // namespace

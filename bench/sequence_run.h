@@ -14,7 +14,7 @@
 #include "io/rgbd_sequence.h"
 #include "kestor.h"
 
-namespace kestor_test {
+namespace kestor_bench {
 
 struct LoadedSequence {
     int width = 0, height = 0;
@@ -106,4 +106,4 @@ inline double absoluteTrajectoryError(const EnginePoses& e, const LoadedSequence
     return std::sqrt(sum / double(e.poses.size()));
 }
 
-}  // namespace kestor_test
+}  // namespace kestor_bench
