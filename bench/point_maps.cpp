@@ -19,6 +19,7 @@
 #include "core/frame_memory.h"
 #include "pipeline/frame_intake.h"
 #include "pipeline/group_finishing.h"
+#include "peak_resident.h"
 #include "sequence_run.h"
 
 using namespace kestor;
@@ -84,18 +85,7 @@ const LoadedSequence& sequence(const std::string& name) {
 
 // Peak resident set since the last reset, in MB; the reset makes the kernel start VmHWM afresh.
 void resetPeak() { std::ofstream("/proc/self/clear_refs") << "5"; }
-double peakMB() {
-    std::ifstream status("/proc/self/status");
-    std::string key;
-    double kb = 0;
-    while (status >> key) {
-        if (key == "VmHWM:") {
-            status >> kb;
-            break;
-        }
-    }
-    return kb / 1024.0;
-}
+double peakMB() { return double(peakResidentKb()) / 1024.0; }
 double residentMB() {
     std::ifstream statm("/proc/self/statm");
     double pages = 0, resident = 0;
