@@ -15,13 +15,12 @@
 #include <vector>
 
 #include "core/frame_memory.h"
-#include "io/png_image.h"
-#include "io/rgbd_sequence.h"
 #include "pipeline/builtin_match.h"
 #include "pipeline/frame_intake.h"
 #include "pipeline/group_finishing.h"
 #include "pipeline/group_math.h"
 #include "pipeline/pose_optimisation.h"
+#include "sequence_run.h"
 
 using namespace kestor;
 
@@ -29,15 +28,6 @@ namespace {
 
 constexpr int kGroupSize = 10;
 constexpr int kLapGroups = 5;
-
-RT_<double> rtFromRows(const double* m) {
-    RT_<double> rt;
-    for (int r = 0; r < 3; ++r) {
-        for (int c = 0; c < 3; ++c) rt.rotation[r * 3 + c] = m[r * 4 + c];
-        rt.translation[r] = m[r * 4 + 3];
-    }
-    return rt;
-}
 
 RT_<double> yawAndShift(double angle, double x, double y, double z) {
     RT_<double> rt = RT_<double>::identity();
@@ -78,32 +68,17 @@ struct TumFrames {
 
 // The first kGroupSize + 1 frames, subsampled by 2^shift.
 TumFrames loadTum(int shift) {
-    const kestor_io::RgbdSequence seq =
-        kestor_io::readTumSequence(std::string(KESTOR_SHARED_DATA_DIR) + "/tum_fr1_xyz");
-    TumFrames t;
-    const double s = 1.0 / double(1 << shift);
-    t.K = {seq.fx * s, 0, (seq.cx + 0.5) * s - 0.5, 0, seq.fy * s, (seq.cy + 0.5) * s - 0.5, 0, 0, 1};
+    kestor_bench::LoadedSequence seq = kestor_bench::loadSequence(
+        std::string(KESTOR_SHARED_DATA_DIR) + "/tum_fr1_xyz", 1 << shift, kGroupSize + 1);
+    TumFrames t{seq.K, seq.width, seq.height, std::move(seq.depths), std::move(seq.colors), {}};
     RT_<double> firstInverse;
-    for (int k = 0; k <= kGroupSize; ++k) {
-        const kestor_io::RgbdFrame& frame = seq.frames[size_t(k)];
-        int w = 0, h = 0, cw = 0, ch = 0;
-        const std::vector<float> depth = kestor_io::readDepthPng(frame.depthPath, seq.depthUnitsPerMetre, w, h);
-        const std::vector<uint8_t> color = kestor_io::readColorPng(frame.colorPath, cw, ch);
-        t.width = w >> shift;
-        t.height = h >> shift;
-        std::vector<float> d(size_t(t.width * t.height));
-        std::vector<uint8_t> c(d.size() * 3);
-        for (int y = 0; y < t.height; ++y) {
-            for (int x = 0; x < t.width; ++x) {
-                const size_t to = size_t(y * t.width + x), from = size_t((y << shift) * w + (x << shift));
-                d[to] = depth[from];
-                std::copy_n(&color[3 * from], 3, &c[3 * to]);
-            }
+    for (const Eigen::Isometry3d& truth : seq.truth) {
+        RT_<double> pose;
+        for (int r = 0; r < 3; ++r) {
+            for (int c = 0; c < 3; ++c) pose.rotation[r * 3 + c] = truth.linear()(r, c);
+            pose.translation[r] = truth.translation()(r);
         }
-        t.depths.push_back(std::move(d));
-        t.colors.push_back(std::move(c));
-        const RT_<double> pose = rtFromRows(frame.cameraToWorld);
-        if (k == 0) firstInverse = inverseOf(pose);
+        if (t.poses.empty()) firstInverse = inverseOf(pose);
         t.poses.push_back(compose(firstInverse, pose));
     }
     return t;

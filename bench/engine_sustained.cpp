@@ -17,46 +17,19 @@
 #include <vector>
 
 #include "core/fusion_instance.h"
-#include "io/png_image.h"
-#include "io/rgbd_sequence.h"
 #include "kestor.h"
 #include "peak_resident.h"
+#include "sequence_run.h"
 
 namespace {
 
 constexpr int kLoaded = 60;  // at most this many distinct frames; the run goes forwards and back
 
-struct Sequence {
-    int width = 0, height = 0;
-    std::vector<double> K;
-    std::vector<std::vector<float>> depth;
-    std::vector<std::vector<uint8_t>> color;
-};
+using Sequence = kestor_bench::LoadedSequence;
 
 Sequence load(int shift) {
-    const kestor_io::RgbdSequence seq =
-        kestor_io::readTumSequence(std::string(KESTOR_SHARED_DATA_DIR) + "/tum_fr1_xyz");
-    Sequence s;
-    const double f = 1.0 / double(1 << shift);
-    s.K = {seq.fx * f, 0, (seq.cx + 0.5) * f - 0.5, 0, seq.fy * f, (seq.cy + 0.5) * f - 0.5, 0, 0, 1};
-    for (int k = 0; k < kLoaded && k < int(seq.frames.size()); ++k) {
-        int w = 0, h = 0, cw = 0, ch = 0;
-        const auto depth = kestor_io::readDepthPng(seq.frames[size_t(k)].depthPath,
-                                                   seq.depthUnitsPerMetre, w, h);
-        const auto color = kestor_io::readColorPng(seq.frames[size_t(k)].colorPath, cw, ch);
-        s.width = w >> shift, s.height = h >> shift;
-        std::vector<float> d(size_t(s.width) * size_t(s.height));
-        std::vector<uint8_t> c(d.size() * 3);
-        for (int y = 0; y < s.height; ++y)
-            for (int x = 0; x < s.width; ++x) {
-                const size_t to = size_t(y * s.width + x), from = size_t((y << shift) * w + (x << shift));
-                d[to] = depth[from];
-                std::copy_n(&color[3 * from], 3, &c[3 * to]);
-            }
-        s.depth.push_back(std::move(d));
-        s.color.push_back(std::move(c));
-    }
-    return s;
+    return kestor_bench::loadSequence(std::string(KESTOR_SHARED_DATA_DIR) + "/tum_fr1_xyz", 1 << shift,
+                                      kLoaded);
 }
 
 const Sequence& sequence(int width) {
@@ -76,9 +49,9 @@ int sourceIndex(int id, int loaded) {
 
 bool fill(KESTORFrameInfo* frame, void* user) {
     const Sequence& s = *static_cast<Run*>(user)->sequence;
-    const int k = sourceIndex(frame->id, int(s.depth.size()));
-    std::copy(s.depth[size_t(k)].begin(), s.depth[size_t(k)].end(), frame->depth);
-    std::copy(s.color[size_t(k)].begin(), s.color[size_t(k)].end(), frame->color);
+    const int k = sourceIndex(frame->id, int(s.depths.size()));
+    std::copy(s.depths[size_t(k)].begin(), s.depths[size_t(k)].end(), frame->depth);
+    std::copy(s.colors[size_t(k)].begin(), s.colors[size_t(k)].end(), frame->color);
     return true;
 }
 
@@ -99,7 +72,7 @@ bool sequentialOnly(const KESTORFrameInfo*, const KESTORFrameInfo*, double rt[3]
 void BM_EngineSustained(benchmark::State& state) {
     const int width = int(state.range(0)), frames = int(state.range(1));
     const Sequence& s = sequence(width);
-    if (s.depth.empty()) {
+    if (s.depths.empty()) {
         state.SkipWithError("tum_fr1_xyz not found");
         return;
     }

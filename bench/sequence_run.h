@@ -1,5 +1,5 @@
 #pragma once
-// A recorded or rendered RGB-D sequence for the point-map benchmarks: loading (optionally at half
+// A recorded or rendered RGB-D sequence for the benchmarks: loading (optionally at half
 // resolution, by taking every second pixel, which keeps the geometry exact), an instance for it,
 // and the trajectory error of the engine's poses against the ground truth. Header only, as the
 // benchmarks do not link the test support library.
