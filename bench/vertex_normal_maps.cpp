@@ -4,10 +4,10 @@
 // bench/open3d/vertex_normal_maps.cpp has Open3D's tensor maps beside the export.
 #include <benchmark/benchmark.h>
 
-#include <cstring>
 #include <string>
 #include <vector>
 
+#include "copy_baseline.h"
 #include "image/vertex_normal_maps.h"
 #include "io/png_image.h"
 #include "kestor.h"
@@ -78,14 +78,7 @@ void BM_VmapToNmapOnly(benchmark::State& state) {
 BENCHMARK(BM_VmapToNmapOnly)->Unit(benchmark::kMillisecond);
 
 void BM_CopySameBytes(benchmark::State& state) {
-    const size_t bytes = frame().depth.size() * kBytesPerPixel;
-    std::vector<char> from(bytes, 1), to(bytes);
-    for (auto _ : state) {
-        std::memcpy(to.data(), from.data(), bytes);
-        benchmark::DoNotOptimize(to.data());
-        benchmark::ClobberMemory();
-    }
-    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(bytes));
+    copyBytesLoop(state, frame().depth.size() * kBytesPerPixel);
 }
 BENCHMARK(BM_CopySameBytes)->Unit(benchmark::kMillisecond);
 
