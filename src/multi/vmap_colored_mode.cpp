@@ -24,7 +24,7 @@ bool alignVmapNmapsColored(const std::vector<FrameMaps>& frames, const Intrinsic
     if (count < 2) return false;
     const ProjectiveTest test{float(options.maxDistance * options.maxDistance),
                               float(std::cos(options.maxAngle)), true};
-    VmapRun run(frames, true, true);
+    VmapRun run(frames, true, true, options.parallel);
     const int height = frames[0].vmap.height;
     // Whether a pair's first pass at the current poses scored above minScore with some match,
     // and its rows at those poses.

@@ -123,7 +123,7 @@ bool alignVmaps(const std::vector<FrameMaps>& frames, const Intrinsics& k,
                 std::vector<RT_<double>>& poses, const MultiOptions& options,
                 const ProgressFunc& progress) {
     if (frames.size() < 2) return false;
-    VmapRun run(frames, false, false);
+    VmapRun run(frames, false, false, options.parallel);
     BandedRows<12> rows(run, poses, k, projectiveTest(options, false), options, frames[0].vmap.height,
                         pointRowsPass, fillTwoSided);
     return alignBanded(rows, evaluateWith(run, relativePose, pointErrorPass), int(frames.size()),
@@ -134,7 +134,7 @@ bool alignVmapNmaps(const std::vector<FrameMaps>& frames, const Intrinsics& k,
                     std::vector<RT_<double>>& poses, const MultiOptions& options,
                     const ProgressFunc& progress) {
     if (frames.size() < 2) return false;
-    VmapRun run(frames, true, false);
+    VmapRun run(frames, true, false, options.parallel);
     BandedRows<6> rows(run, poses, k, projectiveTest(options, true), options, frames[0].vmap.height,
                        planeRowsPass, fillOneSided);
     return alignBanded(rows, evaluateWith(run, relativePoseInFloat, planeErrorPass),

@@ -2,6 +2,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "core/parallel_for.h"
 #include "multi/align_frames.h"
 #include "multi/compact_frame.h"
 #include "multi/target_records.h"
@@ -17,16 +18,27 @@ struct VmapRun {
     std::vector<TargetRecords> records;  // frame 0 is never a target and has none
     std::vector<std::vector<int32_t>> targets;
 
-    VmapRun(const std::vector<FrameMaps>& frames, bool useNormals, bool colour) {
-        for (const FrameMaps& f : frames) {
-            records.push_back(sources.empty() ? TargetRecords{}
-                                              : targetRecords(f, useNormals, colour));
-            sources.push_back(compactFrame(f, useNormals));
-        }
-        targets.resize(size_t(pairSlotCount(int(frames.size()))));
+    // The frames are prepared side by side when `parallel` is set: each is independent of the
+    // others, and done one after the other they would leave the second thread idle.
+    VmapRun(const std::vector<FrameMaps>& frames, bool useNormals, bool colour, bool parallel) {
+        sources.resize(frames.size());
+        records.resize(frames.size());
+        runLoop(parallel, 0, int(frames.size()), [&](int begin, int end, int) {
+            for (int f = begin; f < end; ++f) {
+                if (f > 0) records[size_t(f)] = targetRecords(frames[size_t(f)], useNormals, colour);
+                sources[size_t(f)] = compactFrame(frames[size_t(f)], useNormals);
+            }
+        });
+        // Pair slot s holds an entry per element of its source frame; clearing them is shared out
+        // as well.
+        std::vector<int> sourceOfSlot;
         for (int i = 1; i < int(frames.size()); ++i)
-            for (int j = 0; j < i; ++j)
-                targets[size_t(pairSlot(i, j))].resize(size_t(sources[size_t(j)].size()));
+            for (int j = 0; j < i; ++j) sourceOfSlot.push_back(j);
+        targets.resize(sourceOfSlot.size());
+        runLoop(parallel, 0, int(sourceOfSlot.size()), [&](int begin, int end, int) {
+            for (int s = begin; s < end; ++s)
+                targets[size_t(s)].resize(size_t(sources[size_t(sourceOfSlot[size_t(s)])].size()));
+        });
     }
 
     int32_t* targetsOf(int i, int j) { return targets[size_t(pairSlot(i, j))].data(); }
