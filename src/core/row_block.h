@@ -36,6 +36,7 @@ struct RowBlock {
     inline void push8(const __m256* row, __m256 residual, double* hessian, double* gradient,
                       double* squares) {
         if (count + 8 > kCapacity) flush(hessian, gradient, squares);
+#pragma GCC unroll 16
         for (int a = 0; a < N; ++a) _mm256_storeu_ps(&rows[a][count], row[a]);
         _mm256_storeu_ps(&residuals[count], residual);
         count += 8;

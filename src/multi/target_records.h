@@ -47,6 +47,7 @@ __attribute__((always_inline)) inline void loadRecords(const TargetRecords& reco
     if (_mm256_movemask_epi8(_mm256_cmpeq_epi32(kept, run)) == -1) {
         // Eight neighbouring pixels, as a row of source elements usually lands on.
         const float* at = records.at(first);
+#pragma GCC unroll 8
         for (int l = 0; l < 8; ++l) r[l] = _mm256_loadu_ps(at + l * records.stride);
     } else {
         r[0] = _mm256_loadu_ps(records.at(first));

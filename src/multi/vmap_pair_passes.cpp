@@ -166,6 +166,7 @@ struct ColoredSink : RowSink<6> {
         crossLanes(p, m.n, all, geometric);
         crossLanes(p, d, all, photometric);
         const __m256 wgl = _mm256_set1_ps(wg), wcl = _mm256_set1_ps(wc);
+#pragma GCC unroll 6
         for (int a = 0; a < 6; ++a) {
             geometric[a] = zeroOutside(_mm256_mul_ps(wgl, geometric[a]), ok);
             photometric[a] = zeroOutside(_mm256_mul_ps(wcl, photometric[a]), ok);
