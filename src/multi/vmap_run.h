@@ -31,9 +31,9 @@ struct VmapRun {
         });
         // Pair slot s holds an entry per element of its source frame; clearing them is shared out
         // as well.
-        std::vector<int> sourceOfSlot;
+        std::vector<int> sourceOfSlot(size_t(pairSlotCount(int(frames.size()))));
         for (int i = 1; i < int(frames.size()); ++i)
-            for (int j = 0; j < i; ++j) sourceOfSlot.push_back(j);
+            for (int j = 0; j < i; ++j) sourceOfSlot[size_t(pairSlot(i, j))] = j;
         targets.resize(sourceOfSlot.size());
         runLoop(parallel, 0, int(sourceOfSlot.size()), [&](int begin, int end, int) {
             for (int s = begin; s < end; ++s)
