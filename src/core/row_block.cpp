@@ -79,6 +79,7 @@ void addRowColumns(const float* const* rows, const float* residuals, int count, 
 }
 
 template void addRowColumns<6>(const float* const*, const float*, int, double*, double*, double*);
+template void addRowColumns<7>(const float* const*, const float*, int, double*, double*, double*);
 template void addRowColumns<12>(const float* const*, const float*, int, double*, double*, double*);
 
 }  // namespace kestor

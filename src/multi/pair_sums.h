@@ -1,6 +1,5 @@
 #pragma once
 #include "multi/row_sums.h"
-#include "pair/residual_scale.h"
 
 namespace kestor {
 
@@ -12,21 +11,8 @@ struct PairSums {
     int kept = 0;
 
     PairSums& operator+=(const PairSums& o) {
-        for (int a = 0; a < N * N; ++a) rows.hessian[a] += o.rows.hessian[a];
-        for (int a = 0; a < N; ++a) rows.gradient[a] += o.rows.gradient[a];
+        rows += o.rows;
         error += o.error;
-        kept += o.kept;
-        return *this;
-    }
-};
-
-// What the coloured residual pass leaves of one pair.
-struct PairStats {
-    ResidualStats stats{};
-    int kept = 0;
-
-    PairStats& operator+=(const PairStats& o) {
-        addStats(stats, o.stats);
         kept += o.kept;
         return *this;
     }

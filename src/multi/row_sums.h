@@ -12,6 +12,11 @@ struct RowSums {
 
     void add(const float* row, float residual) { addNormalRow<N>(hessian, gradient, row, residual); }
     void mirror() { mirrorUpper<N>(hessian); }
+    RowSums& operator+=(const RowSums& o) {
+        for (int a = 0; a < N * N; ++a) hessian[a] += o.hessian[a];
+        for (int a = 0; a < N; ++a) gradient[a] += o.gradient[a];
+        return *this;
+    }
     double at(int a, int b) const { return hessian[a * N + b]; }
 };
 

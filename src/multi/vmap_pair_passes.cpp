@@ -21,26 +21,6 @@ inline void crossLanes(const Lanes3& a, const Lanes3& b, __m256 ok, __m256* row)
     row[5] = zeroOutside(b.z, ok);
 }
 
-// Adds the eight floats of v, widened, into a four-lane double sum.
-inline void addWidened(__m256d& sum, __m256 v) {
-    sum = _mm256_add_pd(sum, _mm256_cvtps_pd(_mm256_castps256_ps128(v)));
-    sum = _mm256_add_pd(sum, _mm256_cvtps_pd(_mm256_extractf128_ps(v, 1)));
-}
-
-// The same with each widened value squared in double.
-inline void addWidenedSquares(__m256d& sum, __m256 v) {
-    const __m256d lo = _mm256_cvtps_pd(_mm256_castps256_ps128(v));
-    const __m256d hi = _mm256_cvtps_pd(_mm256_extractf128_ps(v, 1));
-    sum = _mm256_add_pd(sum, _mm256_mul_pd(lo, lo));
-    sum = _mm256_add_pd(sum, _mm256_mul_pd(hi, hi));
-}
-
-inline double laneTotal(__m256d v) {
-    double lanes[4];
-    _mm256_storeu_pd(lanes, v);
-    return (lanes[0] + lanes[1]) + (lanes[2] + lanes[3]);
-}
-
 template <int N>
 struct RowSink {
     RowSums<N>& sums;
@@ -104,40 +84,16 @@ struct ColoredReads {
     float photometric(int e, const MatchOne& m) const { return m.gray - source.gray[size_t(e)]; }
 };
 
-struct StatsSink {
-    ColoredReads reads;
-    __m256d sums[4] = {};  // rg, rc, rg^2, rc^2 from lanes
-    double singles[4] = {};  // the same from single elements
-    int count = 0;
-
-    void lanes(int e, const MatchLanes& m) {
-        const __m256 rg = zeroOutside(dotLanes(m.d, m.n), m.ok);
-        const __m256 rc = zeroOutside(reads.photometric(e, m), m.ok);
-        addWidened(sums[0], rg);
-        addWidened(sums[1], rc);
-        addWidenedSquares(sums[2], rg);
-        addWidenedSquares(sums[3], rc);
-        count += __builtin_popcount(unsigned(_mm256_movemask_ps(m.ok)));
-    }
-    void single(int e, const MatchOne& m) {
-        const double rg = m.d[0] * m.n.x + m.d[1] * m.n.y + m.d[2] * m.n.z;
-        const double rc = reads.photometric(e, m);
-        singles[0] += rg;
-        singles[1] += rc;
-        singles[2] += rg * rg;
-        singles[3] += rc * rc;
-        count += 1;
-    }
-};
-
-struct ColoredSink : RowSink<6> {
+// Each kept element adds, per residual kind, its unweighted row followed by its residual, with
+// weight one: the 7 x 7 sums then hold everything the centred and weighted rows need.
+struct ColoredSumsSink {
     ColoredReads reads;
     const Intrinsics& k;
-    float wg, wc, meanG, meanC;
+    ColoredSums& sums;
+    RowBlock<7> geometric, photometric;
 
     void lanes(int e, const MatchLanes& m) {
         const __m256 ok = m.ok;
-        const __m256 rg = dotLanes(m.d, m.n), rc = reads.photometric(e, m);
         // The target's gradients are read at the source element's own pixel.
         const __m256i pixels =
             _mm256_loadu_si256(reinterpret_cast<const __m256i*>(&reads.source.pixels[size_t(e)]));
@@ -160,39 +116,34 @@ struct ColoredSink : RowSink<6> {
                        _mm256_div_ps(negated(_mm256_add_ps(_mm256_mul_ps(_mm256_mul_ps(p.y, gy), fy),
                                                            _mm256_mul_ps(_mm256_mul_ps(p.x, gx), fx))),
                                      _mm256_mul_ps(p.z, p.z))};
-        // Rows weighted first and cleared after, so lanes left out add exact zeros.
-        const __m256 all = _mm256_castsi256_ps(_mm256_set1_epi32(-1));
-        __m256 geometric[6], photometric[6];
-        crossLanes(p, m.n, all, geometric);
-        crossLanes(p, d, all, photometric);
-        const __m256 wgl = _mm256_set1_ps(wg), wcl = _mm256_set1_ps(wc);
-#pragma GCC unroll 6
-        for (int a = 0; a < 6; ++a) {
-            geometric[a] = zeroOutside(_mm256_mul_ps(wgl, geometric[a]), ok);
-            photometric[a] = zeroOutside(_mm256_mul_ps(wcl, photometric[a]), ok);
-        }
-        push8(geometric,
-              zeroOutside(_mm256_mul_ps(_mm256_sub_ps(rg, _mm256_set1_ps(meanG)), wgl), ok));
-        push8(photometric,
-              zeroOutside(_mm256_mul_ps(_mm256_sub_ps(rc, _mm256_set1_ps(meanC)), wcl), ok));
+        __m256 row[7];
+        const __m256 one = _mm256_and_ps(ok, _mm256_set1_ps(1.0f));
+        crossLanes(p, m.n, ok, row);
+        row[6] = zeroOutside(dotLanes(m.d, m.n), ok);
+        geometric.push8(row, one, sums.geometric.hessian, sums.geometric.gradient, nullptr);
+        crossLanes(p, d, ok, row);
+        row[6] = zeroOutside(reads.photometric(e, m), ok);
+        photometric.push8(row, one, sums.photometric.hessian, sums.photometric.gradient, nullptr);
+        sums.kept += __builtin_popcount(unsigned(_mm256_movemask_ps(ok)));
     }
     void single(int e, const MatchOne& m) {
         const float* p = m.p;
-        const float rg = m.d[0] * m.n.x + m.d[1] * m.n.y + m.d[2] * m.n.z;
-        const float rc = reads.photometric(e, m);
         const int s = reads.source.pixels[size_t(e)];
         const float gx = reads.target.gradX[size_t(s)], gy = reads.target.gradY[size_t(s)];
         const float d[3] = {gx * k.fx / p[2], gy * k.fy / p[2],
                             -(p[1] * gy * k.fy + p[0] * gx * k.fx) / (p[2] * p[2])};
-        float geometric[6], photometric[6];
-        crossRow(p, &m.n.x, geometric);
-        crossRow(p, d, photometric);
-        for (int a = 0; a < 6; ++a) {
-            geometric[a] = wg * geometric[a];
-            photometric[a] = wc * photometric[a];
-        }
-        push(geometric, centredResidual(rg, meanG, wg));
-        push(photometric, centredResidual(rc, meanC, wc));
+        float row[7];
+        crossRow(p, &m.n.x, row);
+        row[6] = m.d[0] * m.n.x + m.d[1] * m.n.y + m.d[2] * m.n.z;
+        geometric.push(row, 1.0f, sums.geometric.hessian, sums.geometric.gradient, nullptr);
+        crossRow(p, d, row);
+        row[6] = reads.photometric(e, m);
+        photometric.push(row, 1.0f, sums.photometric.hessian, sums.photometric.gradient, nullptr);
+        sums.kept += 1;
+    }
+    void finish() {
+        geometric.flush(sums.geometric.hessian, sums.geometric.gradient, nullptr);
+        photometric.flush(sums.photometric.hessian, sums.photometric.gradient, nullptr);
     }
 };
 
@@ -216,34 +167,13 @@ int planeRowsPass(const CompactFrame& source, const TargetRecords& target, const
     return kept;
 }
 
-int coloredStatsPass(const CompactFrame& source, const TargetRecords& target, const Intrinsics& k,
-                     const RT_<float>& T, const ProjectiveTest& test, int begin, int end,
-                     int32_t* targets, ResidualStats& stats) {
-    StatsSink sink{ColoredReads{source, target}};
+int coloredSumsPass(const CompactFrame& source, const TargetRecords& target, const Intrinsics& k,
+                    const RT_<float>& T, const ProjectiveTest& test, int begin, int end,
+                    int32_t* targets, ColoredSums& sums) {
+    ColoredSumsSink sink{ColoredReads{source, target}, k, sums, {}, {}};
     const int kept = associateCompact(source, target, k, T, test, begin, end, targets, sink);
-    stats.sumG += laneTotal(sink.sums[0]) + sink.singles[0];
-    stats.sumC += laneTotal(sink.sums[1]) + sink.singles[1];
-    stats.sumSquaresG += laneTotal(sink.sums[2]) + sink.singles[2];
-    stats.sumSquaresC += laneTotal(sink.sums[3]) + sink.singles[3];
-    stats.count += sink.count;
-    return kept;
-}
-
-void coloredRowsPass(const CompactFrame& source, const TargetRecords& target, const Intrinsics& k,
-                     const RT_<float>& T, const ColoredScales& scales, const int32_t* targets,
-                     int begin, int end, RowSums<6>& sums, double& error) {
-    ColoredSink sink{{sums, error, {}},
-                     ColoredReads{source, target},
-                     k,
-                     float(scales.weightGeometric),
-                     float(scales.weightPhotometric),
-                     float(scales.meanGeometric),
-                     float(scales.meanPhotometric)};
-    forKept(
-        source, target, T, targets, begin, end,
-        [&](int e, const MatchLanes& m) { sink.lanes(e, m); },
-        [&](int e, const MatchOne& m) { sink.single(e, m); });
     sink.finish();
+    return kept;
 }
 
 }  // namespace kestor

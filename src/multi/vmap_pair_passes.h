@@ -7,7 +7,7 @@
 #include <cstdint>
 
 #include "core/intrinsics.h"
-#include "multi/colored_rows.h"
+#include "multi/colored_sums.h"
 #include "multi/compact_frame.h"
 #include "multi/projective_association.h"
 #include "multi/row_sums.h"
@@ -26,24 +26,20 @@ int planeRowsPass(const CompactFrame& source, const TargetRecords& target, const
                   const RT_<float>& T, const ProjectiveTest& test, int begin, int end,
                   int32_t* targets, RowSums<6>& sums, double& error);
 
-// The coloured first pass: the residuals' counts, sums and sums of squares, nothing stored but
-// the targets.
-int coloredStatsPass(const CompactFrame& source, const TargetRecords& target, const Intrinsics& k,
-                     const RT_<float>& T, const ProjectiveTest& test, int begin, int end,
-                     int32_t* targets, ResidualStats& stats);
-
-// The coloured second pass over the elements the first kept, at the same pose: both kinds'
-// rows centred and weighted by `scales`.
-void coloredRowsPass(const CompactFrame& source, const TargetRecords& target, const Intrinsics& k,
-                     const RT_<float>& T, const ColoredScales& scales, const int32_t* targets,
-                     int begin, int end, RowSums<6>& sums, double& error);
+// The coloured pass: per residual kind, the unweighted sums of every kept element's row and
+// residual, from which the centred and weighted rows are formed once all pairs are known.
+int coloredSumsPass(const CompactFrame& source, const TargetRecords& target, const Intrinsics& k,
+                    const RT_<float>& T, const ProjectiveTest& test, int begin, int end,
+                    int32_t* targets, ColoredSums& sums);
 
 // Trial errors at relative pose T over the kept targets.
 double pointErrorPass(const CompactFrame& source, const TargetRecords& target, const RT_<float>& T,
                       const int32_t* targets, int begin, int end);
+// Sum of r^2, and of (r - mean)^2, with r the one-sided point-to-plane residual at the trial pose.
 double planeErrorPass(const CompactFrame& source, const TargetRecords& target, const RT_<float>& T,
                       const int32_t* targets, int begin, int end);
-double coloredErrorPass(const CompactFrame& source, const TargetRecords& target, const RT_<float>& T,
-                        const ColoredScales& scales, const int32_t* targets, int begin, int end);
+double centredPlaneErrorPass(const CompactFrame& source, const TargetRecords& target,
+                             const RT_<float>& T, const int32_t* targets, int begin, int end,
+                             double mean);
 
 }  // namespace kestor

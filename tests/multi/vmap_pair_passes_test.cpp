@@ -93,22 +93,16 @@ TEST(VmapPairPasses, LanesAndSingleElementsAgreeInEveryPass) {
         append(out, sums, error);
         return kept;
     });
-    ResidualStats total{};
     const std::vector<int32_t> targets = expectLanesMatchSingles(n, [&](int b, int e, int32_t* t, std::vector<double>& out) {
-        ResidualStats stats{};
-        const int kept = coloredStatsPass(withNormals, colour, k, T, plane, b, e, t, stats);
-        if (out.empty()) out.assign(5, 0.0);
-        const double values[5] = {stats.sumG, stats.sumC, stats.sumSquaresG, stats.sumSquaresC,
-                                  double(stats.count)};
-        for (int v = 0; v < 5; ++v) out[size_t(v)] += values[v];
-        if (b == 0 && e == n) total = stats;
+        ColoredSums sums;
+        const int kept = coloredSumsPass(withNormals, colour, k, T, plane, b, e, t, sums);
+        EXPECT_EQ(sums.kept, kept);
+        append(out, sums.geometric, 0.0);
+        append(out, sums.photometric, 0.0);
         return kept;
     });
-
     // The passes that walk kept targets, at a trial pose a little off the association's: the
     // values of `sums(begin, end)` over the whole source and summed element by element agree.
-    ColoredScales scales;
-    scales.update({total}, 0.3);
     RT_<float> trial = T;
     trial.translation[0] += 0.004f;
     trial.rotation[1] += 0.002f;
@@ -126,19 +120,63 @@ TEST(VmapPairPasses, LanesAndSingleElementsAgreeInEveryPass) {
         return std::vector<double>{planeErrorPass(withNormals, colour, trial, targets.data(), b, e)};
     });
     byElement(n, [&](int b, int e) {
-        return std::vector<double>{coloredErrorPass(withNormals, colour, trial, scales, targets.data(), b, e)};
+        return std::vector<double>{centredPlaneErrorPass(withNormals, colour, trial, targets.data(), b, e, 0.01)};
     });
     byElement(withoutNormals.size(), [&](int b, int e) {
         return std::vector<double>{pointErrorPass(withoutNormals, vertices, trial, pointTargets.data(), b, e)};
     });
-    byElement(n, [&](int b, int e) {
-        std::vector<double> out;
-        RowSums<6> rows;
-        double error = 0.0;
-        coloredRowsPass(withNormals, colour, k, T, scales, targets.data(), b, e, rows, error);
-        append(out, rows, error);
-        return out;
-    });
+}
+
+// The coloured blocks come from unweighted sums, centred and weighted afterwards. They must equal
+// the rows centred and weighted one by one, and the trial error at the association's own pose
+// must give back the linearised error.
+TEST(VmapPairPasses, ColouredSumsGiveTheRowsCentredAndWeightedOneByOne) {
+    const RenderedSequence& s = rendered(3, 2.0);
+    const Intrinsics k{float(s.camera.fx), float(s.camera.fy), float(s.camera.cx), float(s.camera.cy)};
+    std::vector<double> start = s.perturbedRts(1.0);
+    const RT_<float> T = relativePose(poseToDouble(poseView(&start[0])), poseToDouble(poseView(&start[24])));
+    const ProjectiveTest plane{0.05f * 0.05f, float(std::cos(0.5)), true};
+    const CompactFrame source = compactFrame(mapsOf(s, 2), true);
+    const TargetRecords target = targetRecords(mapsOf(s, 0), true, true);
+    const int n = source.size();
+    std::vector<int32_t> targets(static_cast<size_t>(n));
+    ColoredSums all;
+    coloredSumsPass(source, target, k, T, plane, 0, n, targets.data(), all);
+    ASSERT_GT(all.kept, n / 4);
+    ColoredScales scales;
+    scales.update({all.stats()}, 0.3);
+    ASSERT_GT(std::abs(scales.meanGeometric), 1e-5);  // the centring matters here
+    ASSERT_GT(std::abs(scales.meanPhotometric), 1e-5);
+
+    double hessian[36] = {}, gradient[6] = {}, error = 0.0;
+    std::vector<int32_t> one(static_cast<size_t>(n));
+    for (int e = 0; e < n; ++e) {
+        ColoredSums element;  // a single element's sums are its row and residual
+        if (coloredSumsPass(source, target, k, T, plane, e, e + 1, one.data(), element) == 0) continue;
+        const RowSums<7>* kinds[2] = {&element.geometric, &element.photometric};
+        const double means[2] = {scales.meanGeometric, scales.meanPhotometric};
+        const double weights[2] = {scales.weightGeometric, scales.weightPhotometric};
+        for (int kind = 0; kind < 2; ++kind) {
+            const double r = (kinds[kind]->gradient[6] - means[kind]) * weights[kind];
+            for (int a = 0; a < 6; ++a) {
+                const double ja = kinds[kind]->gradient[a] * weights[kind];
+                for (int b = a; b < 6; ++b) hessian[a * 6 + b] += ja * kinds[kind]->gradient[b] * weights[kind];
+                gradient[a] += r * ja;
+            }
+            error += r * r;
+        }
+    }
+    RowSums<6> rows;
+    const double linearised = all.weightedRows(scales, rows);
+    for (int a = 0; a < 6; ++a) {
+        for (int b = a; b < 6; ++b) expectClose(rows.hessian[a * 6 + b], hessian[a * 6 + b]);
+        EXPECT_NEAR(rows.gradient[a], gradient[a], 1e-9 * (1.0 + std::sqrt(hessian[a * 7] * error)));
+    }
+    expectClose(linearised, error);
+    const double trial = scales.weightGeometric * scales.weightGeometric *
+                             centredPlaneErrorPass(source, target, T, targets.data(), 0, n, scales.meanGeometric) +
+                         all.photometricError(scales);
+    expectClose(trial, error);
 }
 
 // A 4 x 2 target whose pixel (c, r) holds the vertex (c, r, 1) facing the camera, with fx = fy = 1
