@@ -13,13 +13,12 @@ inline double laneSum(__m256d v) {
 
 inline __m256d widened(const float* p) { return _mm256_cvtps_pd(_mm_loadu_ps(p)); }
 
-// Hessian rows A and A + 1 (when it exists) and their gradient entries over the whole block, so
+// Hessian row A, and row A + 1 when kPair, with their gradient entries over the whole block, so
 // that the accumulators of one sweep stay in registers. An exact double product makes the fused
 // multiply-add equal to a multiply and an add.
-template <int N, int A>
+template <int N, int A, bool kPair>
 void sweepRows(const float* const* rows, const float* residuals, int count, double* hessian,
                double* gradient) {
-    constexpr bool kSecond = A + 1 < N;
     __m256d first[N], second[N], gradFirst = _mm256_setzero_pd(), gradSecond = _mm256_setzero_pd();
 #pragma GCC unroll 16
     for (int b = 0; b < N; ++b) first[b] = second[b] = _mm256_setzero_pd();
@@ -27,8 +26,8 @@ void sweepRows(const float* const* rows, const float* residuals, int count, doub
         const __m256d ja = widened(rows[A] + i);
         const __m256d r = widened(residuals + i);
         gradFirst = _mm256_fmadd_pd(ja, r, gradFirst);
-        if (kSecond) {
-            const __m256d jn = widened(rows[kSecond ? A + 1 : A] + i);
+        if constexpr (kPair) {
+            const __m256d jn = widened(rows[A + 1] + i);
             gradSecond = _mm256_fmadd_pd(jn, r, gradSecond);
             first[A] = _mm256_fmadd_pd(ja, ja, first[A]);
 #pragma GCC unroll 16
@@ -38,25 +37,30 @@ void sweepRows(const float* const* rows, const float* residuals, int count, doub
                 second[b] = _mm256_fmadd_pd(jn, jb, second[b]);
             }
         } else {
-            first[A] = _mm256_fmadd_pd(ja, ja, first[A]);
+#pragma GCC unroll 16
+            for (int b = A; b < N; ++b) first[b] = _mm256_fmadd_pd(ja, b == A ? ja : widened(rows[b] + i), first[b]);
         }
     }
 #pragma GCC unroll 16
     for (int b = A; b < N; ++b) hessian[A * N + b] += laneSum(first[b]);
     gradient[A] += laneSum(gradFirst);
-    if (kSecond) {
+    if constexpr (kPair) {
 #pragma GCC unroll 16
         for (int b = A + 1; b < N; ++b) hessian[(A + 1) * N + b] += laneSum(second[b]);
         gradient[A + 1] += laneSum(gradSecond);
     }
 }
 
+// Two rows a sweep where their accumulators fit the sixteen vector registers with the three the
+// loop needs besides (2 (N - A) + 1 of them), one row otherwise: a sweep whose accumulators spill
+// waits on memory at every step. Each entry's sum is the same either way.
 template <int N, int A>
 void sweepFrom(const float* const* rows, const float* residuals, int count, double* hessian,
                double* gradient) {
     if constexpr (A < N) {
-        sweepRows<N, A>(rows, residuals, count, hessian, gradient);
-        sweepFrom<N, A + 2>(rows, residuals, count, hessian, gradient);
+        constexpr bool kPair = A + 1 < N && 2 * (N - A) + 1 <= 13;
+        sweepRows<N, A, kPair>(rows, residuals, count, hessian, gradient);
+        sweepFrom<N, A + (kPair ? 2 : 1)>(rows, residuals, count, hessian, gradient);
     }
 }
 
