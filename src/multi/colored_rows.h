@@ -5,17 +5,17 @@
 
 #include "core/parallel_for.h"
 #include "multi/align_frames.h"
+#include "multi/colored_sums.h"
 #include "multi/multi_options.h"
 #include "multi/pair_pose.h"
-#include "pair/residual_scale.h"
 
 namespace kestor {
 
-// What the first pass of a coloured mode keeps of one pair at one linearisation point.
+// What the first pass of a coloured mode keeps of one pair at one linearisation point: the
+// matches, which a trial prices again, and the sums of their rows and residuals.
 struct PairRows {
-    std::vector<float> geometricResiduals, photometricResiduals;
     std::vector<std::pair<int32_t, int32_t>> matches;  // (source position, target position)
-    std::vector<float> geometricRows, photometricRows;  // 6 floats a match
+    ColoredSums sums;
 
     void clear();
     bool empty() const { return matches.empty(); }
@@ -23,21 +23,8 @@ struct PairRows {
              const float* photometricRow);
 };
 
-// Adds the residuals of a pair's rows to the sums (geometric as G, photometric as C).
-void addRowStats(ResidualStats& stats, const PairRows& rows);
-
-// One global scale per residual kind, from all qualifying pairs: each residual has the kind's
-// mean removed and is weighted by the square root of the kind's deviation, with colorWeight
-// splitting the two.
-struct ColoredScales {
-    double meanGeometric = 0, meanPhotometric = 0;
-    double weightGeometric = 0, weightPhotometric = 0;
-
-    void update(const std::vector<ResidualStats>& slots, double colorWeight);
-};
-
-// The second pass: the pair's blocks from its stored rows, one-sided as the point-to-plane
-// form; NaN for a pair with no rows.
+// The second pass: the pair's blocks from its sums, centred and weighted by `scales`, one-sided
+// as the point-to-plane form; NaN for a pair with no rows.
 double pairRowsHessian(const PairRows& rows, const ColoredScales& scales, PairBlock& hessianII,
                        PairBlock& hessianIJ, PairBlock& hessianJJ, PairVector& gradientI,
                        PairVector& gradientJ);
@@ -57,7 +44,7 @@ void collectAllPairs(const FramePair* pairs, const unsigned char* active, int co
             rows.clear();
             const double score = collect(i, j, rows);
             if (score > minScore)
-                addRowStats(slots[size_t(slot)], rows);
+                addStats(slots[size_t(slot)], rows.sums.stats());
             else
                 rows.clear();
         }

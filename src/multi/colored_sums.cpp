@@ -1,5 +1,8 @@
 #include "multi/colored_sums.h"
 
+#include <algorithm>
+#include <cmath>
+
 namespace kestor {
 
 namespace {
@@ -24,6 +27,32 @@ double addCentred(const RowSums<7>& s, int count, double mean, double weight, Ro
 
 }  // namespace
 
+void ColoredScales::update(const std::vector<ResidualStats>& slots, double colorWeight) {
+    ResidualStats total{};
+    for (const ResidualStats& s : slots) addStats(total, s);
+    const double c = double(total.count);
+    const ResidualSpread g = residualSpread(total.sumG, total.sumSquaresG, c);
+    const ResidualSpread p = residualSpread(total.sumC, total.sumSquaresC, c);
+    meanGeometric = g.mean;
+    meanPhotometric = p.mean;
+    // One root more than the deviation: a residual ends up divided by the deviation's root.
+    const double scaleG = std::sqrt(g.deviation), scaleC = std::sqrt(p.deviation);
+    const double c0 = std::min(1.0, std::max(0.0, colorWeight));
+    weightGeometric = std::sqrt(1.0 - c0) / scaleG;
+    weightPhotometric = std::sqrt(c0) / scaleC;
+}
+
+void ColoredSums::add(const float* geometricRow, float rg, const float* photometricRow, float rc) {
+    float row[7];
+    for (int a = 0; a < 6; ++a) row[a] = geometricRow[a];
+    row[kResidual] = rg;
+    geometric.add(row, 1.0f);
+    for (int a = 0; a < 6; ++a) row[a] = photometricRow[a];
+    row[kResidual] = rc;
+    photometric.add(row, 1.0f);
+    ++kept;
+}
+
 ColoredSums& ColoredSums::operator+=(const ColoredSums& o) {
     geometric += o.geometric;
     photometric += o.photometric;
@@ -40,6 +69,15 @@ double ColoredSums::weightedRows(const ColoredScales& scales, RowSums<6>& rows) 
     const double g = addCentred(geometric, kept, scales.meanGeometric, scales.weightGeometric, rows);
     const double c = addCentred(photometric, kept, scales.meanPhotometric, scales.weightPhotometric, rows);
     return g + c;
+}
+
+double ColoredSums::blocks(const ColoredScales& scales, PairBlock& hessianII, PairBlock& hessianIJ,
+                           PairBlock& hessianJJ, PairVector& gradientI, PairVector& gradientJ) const {
+    RowSums<6> rows;
+    const double error = weightedRows(scales, rows);
+    rows.mirror();
+    fillOneSided(rows, hessianII, hessianIJ, hessianJJ, gradientI, gradientJ);
+    return error;
 }
 
 double ColoredSums::photometricError(const ColoredScales& scales) const {

@@ -64,11 +64,7 @@ bool alignVmapNmapsColored(const std::vector<FrameMaps>& frames, const Intrinsic
                                         PairBlock& hII, PairBlock& hIJ, PairBlock& hJJ,
                                         PairVector& gI, PairVector& gJ) {
         if (!qualified[size_t(pairSlot(i, j))]) return std::numeric_limits<double>::quiet_NaN();
-        RowSums<6> rows;
-        const double error = sums[size_t(pairSlot(i, j))].weightedRows(scales, rows);
-        rows.mirror();
-        fillOneSided(rows, hII, hIJ, hJJ, gI, gJ);
-        return error;
+        return sums[size_t(pairSlot(i, j))].blocks(scales, hII, hIJ, hJJ, gI, gJ);
     };
 
     const PairEvaluate evaluate = [&](int i, int j, const RT_<double>& poseI,
