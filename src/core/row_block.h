@@ -10,16 +10,19 @@ namespace kestor {
 
 // Adds the rows [0, count) of a block to the upper triangle of a row-major N x N hessian, to the
 // gradient and to `squares` (the sum of r^2). `rows[a]` holds entry a of every row; count must be
-// a multiple of 4.
+// a multiple of 4. Null `residuals` stands for residuals of one: the gradient receives the sums of
+// the rows, and `squares` is not touched.
 template <int N>
 void addRowColumns(const float* const* rows, const float* residuals, int count, double* hessian,
                    double* gradient, double* squares);
 
-template <int N>
+// With kUnitResidual every row's residual is one, and the pushes take none: the gradient
+// receives the sums of the rows, and `squares` is left alone.
+template <int N, bool kUnitResidual = false>
 struct RowBlock {
     static constexpr int kCapacity = 64;
     alignas(32) float rows[N][kCapacity];
-    alignas(32) float residuals[kCapacity];
+    alignas(32) float residuals[kUnitResidual ? 1 : kCapacity];
     int count = 0;
 
     // Adds one row, first emptying a full block into the sums.
@@ -27,8 +30,12 @@ struct RowBlock {
                      double* squares) {
         if (count == kCapacity) flush(hessian, gradient, squares);
         for (int a = 0; a < N; ++a) rows[a][count] = row[a];
-        residuals[count] = residual;
+        if constexpr (!kUnitResidual) residuals[count] = residual;
         ++count;
+    }
+    inline void push(const float* row, double* hessian, double* gradient) {
+        static_assert(kUnitResidual, "rows without residuals need kUnitResidual");
+        push(row, 1.0f, hessian, gradient, nullptr);
     }
 
     // Adds eight rows at once, entry a of all eight in row[a], first emptying a block without room
@@ -38,8 +45,12 @@ struct RowBlock {
         if (count + 8 > kCapacity) flush(hessian, gradient, squares);
 #pragma GCC unroll 16
         for (int a = 0; a < N; ++a) _mm256_storeu_ps(&rows[a][count], row[a]);
-        _mm256_storeu_ps(&residuals[count], residual);
+        if constexpr (!kUnitResidual) _mm256_storeu_ps(&residuals[count], residual);
         count += 8;
+    }
+    inline void push8(const __m256* row, double* hessian, double* gradient) {
+        static_assert(kUnitResidual, "rows without residuals need kUnitResidual");
+        push8(row, _mm256_setzero_ps(), hessian, gradient, nullptr);
     }
 
     // Adds what is left, padded with zero rows to a multiple of four; zero rows add nothing.
@@ -48,11 +59,12 @@ struct RowBlock {
         const int padded = (count + 3) & ~3;
         for (int i = count; i < padded; ++i) {
             for (int a = 0; a < N; ++a) rows[a][i] = 0.0f;
-            residuals[i] = 0.0f;
+            if constexpr (!kUnitResidual) residuals[i] = 0.0f;
         }
         const float* columns[N];
         for (int a = 0; a < N; ++a) columns[a] = rows[a];
-        addRowColumns<N>(columns, residuals, padded, hessian, gradient, squares);
+        addRowColumns<N>(columns, kUnitResidual ? nullptr : residuals, padded, hessian, gradient,
+                         kUnitResidual ? nullptr : squares);
         count = 0;
     }
 };

@@ -90,7 +90,7 @@ struct ColoredSumsSink {
     ColoredReads reads;
     const Intrinsics& k;
     ColoredSums& sums;
-    RowBlock<7> geometric, photometric;
+    RowBlock<7, true> geometric, photometric;
 
     void lanes(int e, const MatchLanes& m) {
         const __m256 ok = m.ok;
@@ -116,14 +116,14 @@ struct ColoredSumsSink {
                        _mm256_div_ps(negated(_mm256_add_ps(_mm256_mul_ps(_mm256_mul_ps(p.y, gy), fy),
                                                            _mm256_mul_ps(_mm256_mul_ps(p.x, gx), fx))),
                                      _mm256_mul_ps(p.z, p.z))};
+        // Lanes left out are zero rows, which add nothing to any sum.
         __m256 row[7];
-        const __m256 one = _mm256_and_ps(ok, _mm256_set1_ps(1.0f));
         crossLanes(p, m.n, ok, row);
         row[6] = zeroOutside(dotLanes(m.d, m.n), ok);
-        geometric.push8(row, one, sums.geometric.hessian, sums.geometric.gradient, nullptr);
+        geometric.push8(row, sums.geometric.hessian, sums.geometric.gradient);
         crossLanes(p, d, ok, row);
         row[6] = zeroOutside(reads.photometric(e, m), ok);
-        photometric.push8(row, one, sums.photometric.hessian, sums.photometric.gradient, nullptr);
+        photometric.push8(row, sums.photometric.hessian, sums.photometric.gradient);
         sums.kept += __builtin_popcount(unsigned(_mm256_movemask_ps(ok)));
     }
     void single(int e, const MatchOne& m) {
@@ -135,10 +135,10 @@ struct ColoredSumsSink {
         float row[7];
         crossRow(p, &m.n.x, row);
         row[6] = m.d[0] * m.n.x + m.d[1] * m.n.y + m.d[2] * m.n.z;
-        geometric.push(row, 1.0f, sums.geometric.hessian, sums.geometric.gradient, nullptr);
+        geometric.push(row, sums.geometric.hessian, sums.geometric.gradient);
         crossRow(p, d, row);
         row[6] = reads.photometric(e, m);
-        photometric.push(row, 1.0f, sums.photometric.hessian, sums.photometric.gradient, nullptr);
+        photometric.push(row, sums.photometric.hessian, sums.photometric.gradient);
         sums.kept += 1;
     }
     void finish() {
