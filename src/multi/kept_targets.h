@@ -30,7 +30,7 @@ void forKept(const CompactFrame& source, const TargetRecords& target, const RT_<
         m.q = Lanes3{c[0], c[1], c[2]};
         m.n = Lanes3{c[3], c[4], c[5]};
         m.gray = c[6];
-        m.p = transformLanes(T, loadLanes(&source.points[size_t(e)]));
+        m.p = transformLanes(T, source.points.lanes(size_t(e)));
         m.d = differenceLanes(m.p, m.q);
         inLanes(e, m);
     }
@@ -42,7 +42,8 @@ void forKept(const CompactFrame& source, const TargetRecords& target, const RT_<
         m.q = Float3{record[0], record[1], record[2]};
         m.n = Float3{record[3], record[4], record[5]};
         m.gray = target.stride > 6 ? record[6] : 0.0f;
-        transformPoint(T, &source.points[size_t(e)].x, m.p);
+        const Float3 point = source.points[size_t(e)];
+        transformPoint(T, &point.x, m.p);
         m.d[0] = m.p[0] - m.q.x;
         m.d[1] = m.p[1] - m.q.y;
         m.d[2] = m.p[2] - m.q.z;

@@ -66,7 +66,7 @@ int associateCompact(const CompactFrame& source, const TargetRecords& target, co
         for (; e + 8 <= end; e += 8) {
             if (e + kAhead < end) prefetchRecords(target, source.pixels[size_t(e + kAhead)] + shift);
             MatchLanes m;
-            m.p = transformLanes(T, loadLanes(&source.points[size_t(e)]));
+            m.p = transformLanes(T, source.points.lanes(size_t(e)));
             const __m256 u = _mm256_add_ps(_mm256_div_ps(_mm256_mul_ps(fx, m.p.x), m.p.z), cx);
             const __m256 v = _mm256_add_ps(_mm256_div_ps(_mm256_mul_ps(fy, m.p.y), m.p.z), cy);
             const __m256 su = _mm256_add_ps(u, half), sv = _mm256_add_ps(v, half);
@@ -91,7 +91,7 @@ int associateCompact(const CompactFrame& source, const TargetRecords& target, co
             m.d = differenceLanes(m.p, m.q);
             ok = _mm256_and_ps(ok, _mm256_cmp_ps(dotLanes(m.d, m.d), distLimit, _CMP_LT_OQ));
             if (normals) {
-                const Lanes3 r = rotateLanes(T, loadLanes(&source.normals[size_t(e)]));
+                const Lanes3 r = rotateLanes(T, source.normals.lanes(size_t(e)));
                 ok = _mm256_and_ps(ok, _mm256_cmp_ps(dotLanes(m.n, r), cosLimit, _CMP_GT_OQ));
             }
             m.ok = ok;
@@ -111,7 +111,8 @@ int associateCompact(const CompactFrame& source, const TargetRecords& target, co
     for (; e < end; ++e) {
         targets[e] = -1;
         MatchOne m;
-        transformPoint(T, &source.points[size_t(e)].x, m.p);
+        const Float3 point = source.points[size_t(e)];
+        transformPoint(T, &point.x, m.p);
         const float u = k.fx * m.p[0] / m.p[2] + k.cx;
         const float v = k.fy * m.p[1] / m.p[2] + k.cy;
         // Written so that NaN and values past the image fail before any conversion.
@@ -129,7 +130,8 @@ int associateCompact(const CompactFrame& source, const TargetRecords& target, co
         if (!(m.d[0] * m.d[0] + m.d[1] * m.d[1] + m.d[2] * m.d[2] < test.maxDistanceSq)) continue;
         if (normals) {
             float r[3];
-            rotateVector(T.rotation, &source.normals[size_t(e)].x, r);
+            const Float3 normal = source.normals[size_t(e)];
+            rotateVector(T.rotation, &normal.x, r);
             if (!(m.n.x * r[0] + m.n.y * r[1] + m.n.z * r[2] > test.cosMaxAngle)) continue;
         }
         targets[e] = m.target;
