@@ -61,15 +61,24 @@ void append(std::vector<double>& out, const RowSums<N>& sums, double error) {
     out.back() += error;
 }
 
-}  // namespace
-
-TEST(VmapPairPasses, LanesAndSingleElementsAgreeInEveryPass) {
+// Frame 2 of a rendered sequence against frame 0, at a start that is off the truth so that some
+// elements fail each gate.
+struct RenderedPair {
     const RenderedSequence& s = rendered(3, 2.0);
     const Intrinsics k{float(s.camera.fx), float(s.camera.fy), float(s.camera.cx), float(s.camera.cy)};
-    // Frame 2 against frame 0 at a start that is off the truth, so some elements fail each gate.
     std::vector<double> start = s.perturbedRts(1.0);
     const RT_<float> T = relativePose(poseToDouble(poseView(&start[0])), poseToDouble(poseView(&start[24])));
     const ProjectiveTest plane{0.05f * 0.05f, float(std::cos(0.5)), true};
+};
+
+}  // namespace
+
+TEST(VmapPairPasses, LanesAndSingleElementsAgreeInEveryPass) {
+    const RenderedPair pair;
+    const RenderedSequence& s = pair.s;
+    const Intrinsics& k = pair.k;
+    const RT_<float>& T = pair.T;
+    const ProjectiveTest& plane = pair.plane;
     const ProjectiveTest point{0.05f * 0.05f, 0.0f, false};
 
     const CompactFrame withNormals = compactFrame(mapsOf(s, 2), true);
@@ -131,17 +140,13 @@ TEST(VmapPairPasses, LanesAndSingleElementsAgreeInEveryPass) {
 // the rows centred and weighted one by one, and the trial error at the association's own pose
 // must give back the linearised error.
 TEST(VmapPairPasses, ColouredSumsGiveTheRowsCentredAndWeightedOneByOne) {
-    const RenderedSequence& s = rendered(3, 2.0);
-    const Intrinsics k{float(s.camera.fx), float(s.camera.fy), float(s.camera.cx), float(s.camera.cy)};
-    std::vector<double> start = s.perturbedRts(1.0);
-    const RT_<float> T = relativePose(poseToDouble(poseView(&start[0])), poseToDouble(poseView(&start[24])));
-    const ProjectiveTest plane{0.05f * 0.05f, float(std::cos(0.5)), true};
-    const CompactFrame source = compactFrame(mapsOf(s, 2), true);
-    const TargetRecords target = targetRecords(mapsOf(s, 0), true, true);
+    const RenderedPair p;
+    const CompactFrame source = compactFrame(mapsOf(p.s, 2), true);
+    const TargetRecords target = targetRecords(mapsOf(p.s, 0), true, true);
     const int n = source.size();
     std::vector<int32_t> targets(static_cast<size_t>(n));
     ColoredSums all;
-    coloredSumsPass(source, target, k, T, plane, 0, n, targets.data(), all);
+    coloredSumsPass(source, target, p.k, p.T, p.plane, 0, n, targets.data(), all);
     ASSERT_GT(all.kept, n / 4);
     ColoredScales scales;
     scales.update({all.stats()}, 0.3);
@@ -152,7 +157,7 @@ TEST(VmapPairPasses, ColouredSumsGiveTheRowsCentredAndWeightedOneByOne) {
     std::vector<int32_t> one(static_cast<size_t>(n));
     for (int e = 0; e < n; ++e) {
         ColoredSums element;  // a single element's sums are its row and residual
-        if (coloredSumsPass(source, target, k, T, plane, e, e + 1, one.data(), element) == 0) continue;
+        if (coloredSumsPass(source, target, p.k, p.T, p.plane, e, e + 1, one.data(), element) == 0) continue;
         const RowSums<7>* kinds[2] = {&element.geometric, &element.photometric};
         const double means[2] = {scales.meanGeometric, scales.meanPhotometric};
         const double weights[2] = {scales.weightGeometric, scales.weightPhotometric};
@@ -174,7 +179,7 @@ TEST(VmapPairPasses, ColouredSumsGiveTheRowsCentredAndWeightedOneByOne) {
     }
     expectClose(linearised, error);
     const double trial = scales.weightGeometric * scales.weightGeometric *
-                             centredPlaneErrorPass(source, target, T, targets.data(), 0, n, scales.meanGeometric) +
+                             centredPlaneErrorPass(source, target, p.T, targets.data(), 0, n, scales.meanGeometric) +
                          all.photometricError(scales);
     expectClose(trial, error);
 }
