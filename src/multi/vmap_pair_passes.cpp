@@ -124,7 +124,6 @@ struct ColoredSumsSink {
         crossLanes(p, d, ok, row);
         row[6] = zeroOutside(reads.photometric(e, m), ok);
         photometric.push8(row, sums.photometric.hessian, sums.photometric.gradient);
-        sums.kept += __builtin_popcount(unsigned(_mm256_movemask_ps(ok)));
     }
     void single(int e, const MatchOne& m) {
         const float* p = m.p;
@@ -139,7 +138,6 @@ struct ColoredSumsSink {
         crossRow(p, d, row);
         row[6] = reads.photometric(e, m);
         photometric.push(row, sums.photometric.hessian, sums.photometric.gradient);
-        sums.kept += 1;
     }
     void finish() {
         geometric.flush(sums.geometric.hessian, sums.geometric.gradient, nullptr);
@@ -173,6 +171,7 @@ int coloredSumsPass(const CompactFrame& source, const TargetRecords& target, con
     ColoredSumsSink sink{ColoredReads{source, target}, k, sums, {}, {}};
     const int kept = associateCompact(source, target, k, T, test, begin, end, targets, sink);
     sink.finish();
+    sums.kept += kept;
     return kept;
 }
 
