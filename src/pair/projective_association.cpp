@@ -5,6 +5,7 @@
 
 #include "core/row_block.h"
 #include "core/float3_lanes.h"
+#include "core/lane_front.h"
 
 namespace kestor {
 
@@ -109,34 +110,72 @@ inline __m256 pairGateLanes(__m256 ok, const Lanes3& q, const Lanes3& n, const L
 
 }  // namespace
 
-void compactPoints(const ImageView<const Float3>& vmap, CompactSource& s) {
-    s.points.clear();
-    s.normals.clear();
-    s.gray.clear();
+namespace {
+
+// Keeps the pixels with z > 0 and, with normals, a normal that is not (0, 0, 0), in row order.
+// Eight pixels at a time: the kept lanes are moved to the front and all eight written at the
+// next free place, which then moves on by the kept count, so that the holes of a depth map cost
+// no branch. The arrays are sized for a full image.
+template <bool kNormals>
+void compactRows(const ImageView<const Float3>& vmap, const ImageView<const Float3>* nmap,
+                 const ImageView<const float>& gray, CompactSource& s) {
+    const size_t most = size_t(vmap.width) * size_t(vmap.height);
+    const bool withGray = gray.data != nullptr;
+    auto atLeast = [most](auto& array) {
+        if (array.size() < most) array.resize(most);
+    };
+    atLeast(s.points);
+    if (kNormals) atLeast(s.normals);
+    if (withGray) atLeast(s.gray);
+    Float3* points = s.points.data();
+    Float3* normals = s.normals.data();
+    float* grays = s.gray.data();
+    const __m256 zero = _mm256_setzero_ps();
+    size_t count = 0;
     for (int y = 0; y < vmap.height; ++y) {
-        const Float3* row = rowOf(vmap, y);
-        for (int x = 0; x < vmap.width; ++x)
-            if (row[x].z > 0.0f) s.points.push_back(row[x]);
+        const Float3* v = rowOf(vmap, y);
+        const Float3* n = kNormals ? rowOf(*nmap, y) : nullptr;
+        const float* g = withGray ? rowOf(gray, y) : nullptr;
+        int x = 0;
+        // Writing eight from `count` stays inside the image-sized arrays: count is at most the
+        // number of pixels before this block.
+        for (; x + 8 <= vmap.width; x += 8) {
+            const Lanes3 p = loadLanes(v + x);
+            __m256 keep = _mm256_cmp_ps(p.z, zero, _CMP_GT_OQ);
+            Lanes3 m{};
+            if constexpr (kNormals) {
+                m = loadLanes(n + x);
+                keep = _mm256_and_ps(keep, _mm256_or_ps(_mm256_or_ps(nonZero(m.x), nonZero(m.y)), nonZero(m.z)));
+            }
+            const int bits = _mm256_movemask_ps(keep);
+            if (bits == 0) continue;
+            const __m256i order = frontOrder(bits);
+            storeLanes(points + count, Lanes3{toFront(p.x, order), toFront(p.y, order), toFront(p.z, order)});
+            if constexpr (kNormals)
+                storeLanes(normals + count, Lanes3{toFront(m.x, order), toFront(m.y, order), toFront(m.z, order)});
+            if (withGray) _mm256_storeu_ps(grays + count, toFront(_mm256_loadu_ps(g + x), order));
+            count += size_t(__builtin_popcount(unsigned(bits)));
+        }
+        for (; x < vmap.width; ++x) {
+            if (!(v[x].z > 0.0f) || (kNormals && isZero(n[x]))) continue;
+            points[count] = v[x];
+            if (kNormals) normals[count] = n[x];
+            if (withGray) grays[count] = g[x];
+            ++count;
+        }
     }
+    s.count = int(count);
+}
+
+}  // namespace
+
+void compactPoints(const ImageView<const Float3>& vmap, CompactSource& s) {
+    compactRows<false>(vmap, nullptr, ImageView<const float>{}, s);
 }
 
 void compactWithNormals(const ImageView<const Float3>& vmap, const ImageView<const Float3>& nmap,
                         const ImageView<const float>& gray, CompactSource& s) {
-    s.points.clear();
-    s.normals.clear();
-    s.gray.clear();
-    const bool withGray = gray.data != nullptr;
-    for (int y = 0; y < vmap.height; ++y) {
-        const Float3* v = rowOf(vmap, y);
-        const Float3* n = rowOf(nmap, y);
-        const float* g = withGray ? rowOf(gray, y) : nullptr;
-        for (int x = 0; x < vmap.width; ++x) {
-            if (!(v[x].z > 0.0f) || isZero(n[x])) continue;
-            s.points.push_back(v[x]);
-            s.normals.push_back(n[x]);
-            if (withGray) s.gray.push_back(g[x]);
-        }
-    }
+    compactRows<true>(vmap, &nmap, gray, s);
 }
 
 CompactSource compactPoints(const ImageView<const Float3>& vmap) {

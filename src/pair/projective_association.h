@@ -10,11 +10,14 @@
 namespace kestor {
 
 // The source of a pair solver reduced to its valid pixels, in row order, built once per run.
+// The arrays only grow, so that a workspace reused from level to level and from run to run is
+// not cleared again every time; entries from `count` on are left over and mean nothing.
 struct CompactSource {
     std::vector<Float3> points;
-    std::vector<Float3> normals;  // empty in the point form
+    std::vector<Float3> normals;  // point form: not filled
     std::vector<float> gray;      // coloured form only
-    int size() const { return int(points.size()); }
+    int count = 0;
+    int size() const { return count; }
 };
 
 // Point form: every pixel with z > 0.

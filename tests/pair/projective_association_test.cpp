@@ -1,11 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <vector>
 
 #include "pair/photometric_term.h"
 #include "pair/projective_association.h"
+#include "support/holey_maps.h"
 #include "support/rgbd_maps.h"
 
 using namespace kestor;
@@ -40,6 +42,7 @@ struct Gates {
                 s.points.assign(size_t(n), Float3{u, v, 1});
                 s.normals.assign(size_t(n), Float3{0, 0, -1});
                 s.gray.assign(size_t(n), 0.5f);
+                s.count = n;
                 const RT_<float> id = RT_<float>::identity();
                 PairArrays pairs;
                 pairs.resizeColored(n);
@@ -99,7 +102,33 @@ TEST(ProjectiveAssociation, CompactionSkipsZeroNormalsButKeepsAZeroComponent) {
                            packedView(gray.data(), 2, 2));
     ASSERT_EQ(s.size(), 2);
     EXPECT_EQ(s.points[0].z, 2.0f);
-    EXPECT_EQ(s.gray, (std::vector<float>{0.3f, 0.4f}));
+    EXPECT_EQ(std::vector<float>(s.gray.begin(), s.gray.begin() + s.size()), (std::vector<float>{0.3f, 0.4f}));
+}
+
+// The kept pixels come out whole and in row order, in the vector blocks and in the tail, and a
+// workspace that held a larger image reports only the new count.
+TEST(ProjectiveAssociation, CompactionKeepsValidPixelsInRowOrderAcrossBlocksAndReuse) {
+    const kestor_test::HoleyMaps m;
+    std::vector<int> plane, point;
+    for (int i = 0; i < m.W * m.H; ++i) {
+        if (!(m.vmap[size_t(i)].z > 0.0f)) continue;
+        point.push_back(i);
+        if (!m.zeroNormal(i)) plane.push_back(i);
+    }
+    CompactSource s;
+    compactWithNormals(m.vertices(), m.normals(), m.grays(), s);
+    ASSERT_EQ(s.size(), int(plane.size()));
+    for (size_t e = 0; e < plane.size(); ++e) {
+        const size_t i = size_t(plane[e]);
+        EXPECT_EQ(std::memcmp(&s.points[e], &m.vmap[i], sizeof(Float3)), 0) << "element " << e;
+        EXPECT_EQ(std::memcmp(&s.normals[e], &m.nmap[i], sizeof(Float3)), 0) << "element " << e;
+        EXPECT_EQ(s.gray[e], m.gray[i]) << "element " << e;
+    }
+    compactPoints(m.vertices(), s);
+    ASSERT_EQ(s.size(), int(point.size()));
+    for (size_t e = 0; e < point.size(); ++e) EXPECT_EQ(s.points[e].x, m.vmap[size_t(point[e])].x) << "element " << e;
+    compactWithNormals(m.vertices(1), m.normals(1), ImageView<const float>{}, s);
+    EXPECT_EQ(s.size(), int(std::count_if(plane.begin(), plane.end(), [&](int i) { return i < m.W; })));
 }
 
 namespace {
