@@ -25,6 +25,11 @@ struct Planes3 {
         y.push_back(v.y);
         z.push_back(v.z);
     }
+    void resize(size_t n) {
+        x.resize(n);
+        y.resize(n);
+        z.resize(n);
+    }
     Float3 operator[](size_t i) const { return Float3{x[i], y[i], z[i]}; }
     Lanes3 lanes(size_t i) const {
         return Lanes3{_mm256_loadu_ps(&x[i]), _mm256_loadu_ps(&y[i]), _mm256_loadu_ps(&z[i])};
