@@ -187,6 +187,18 @@ __attribute__((always_inline)) inline Lanes3 loadLanes3(const LaneMap& map, __m2
                   _mm256_and_ps(mask, _mm256_shuffle_ps(t1, t3, 0x44))};
 }
 
+// Whether the eight pixels (iu, iv) are one run along a row, (iu0 + l, iv0) in lane l, all of
+// them in `mask`: their reads from any map are then plain vector loads from lane 0's offset.
+inline bool oneRowRun(__m256i iu, __m256i iv, __m256 mask) {
+    if (_mm256_movemask_ps(mask) != 0xff) return false;
+    const __m256i first = _mm256_setzero_si256();
+    const __m256i run = _mm256_add_epi32(_mm256_permutevar8x32_epi32(iu, first),
+                                         _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
+    const __m256i same = _mm256_and_si256(_mm256_cmpeq_epi32(iu, run),
+                                          _mm256_cmpeq_epi32(iv, _mm256_permutevar8x32_epi32(iv, first)));
+    return _mm256_movemask_epi8(same) == -1;
+}
+
 // Eight byte flags as a float-lane mask (flag != 0).
 inline __m256 flagLanes(const uint8_t* flags) {
     const __m128i bytes = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(flags));

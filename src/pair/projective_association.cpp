@@ -289,8 +289,14 @@ void associatePlane(const Intrinsics& k, const TargetMaps& target, const Compact
             // Every read of a pixel inside the map is issued at once, so that the cache misses
             // of the two maps overlap; the vertex and normal gates are applied afterwards.
             const __m256i vo = laneOffsets(vl, iu, iv), no = laneOffsets(nl, iu, iv);
-            const Lanes3 q = loadLanes3(vl, vo, ok);
-            const Lanes3 n = loadLanes3(nl, no, ok);
+            Lanes3 q, n;
+            if (oneRowRun(iu, iv, ok)) {
+                q = loadLanes(reinterpret_cast<const Float3*>(vl.base + _mm256_cvtsi256_si32(vo)));
+                n = loadLanes(reinterpret_cast<const Float3*>(nl.base + _mm256_cvtsi256_si32(no)));
+            } else {
+                q = loadLanes3(vl, vo, ok);
+                n = loadLanes3(nl, no, ok);
+            }
             prefetchAhead(vl, vo, ok, kPrefetchPixels);
             prefetchAhead(nl, no, ok, kPrefetchPixels);
             const Lanes3 m = rotateLanes(pose, loadLanes(&source.normals[size_t(i)]));
@@ -372,11 +378,22 @@ void associateColored(const Intrinsics& k, const TargetMaps& target, const Float
             const __m256i vo = laneOffsets(vl, iu, iv), no = laneOffsets(nl, iu, iv),
                           go = laneOffsets(gl, iu, iv), xo = laneOffsets(xl, iu, iv),
                           yo = laneOffsets(yl, iu, iv);
-            const Lanes3 q = loadLanes3(vl, vo, ok);
-            const Lanes3 n = loadLanes3(nl, no, ok);
-            const __m256 g = gatherLanes(gl, go, ok);
-            const __m256 gx = gatherLanes(xl, xo, ok);
-            const __m256 gy = gatherLanes(yl, yo, ok);
+            Lanes3 q, n;
+            __m256 g, gx, gy;
+            if (oneRowRun(iu, iv, ok)) {
+                // Eight neighbouring target pixels, as a row of source pixels usually lands on.
+                q = loadLanes(reinterpret_cast<const Float3*>(vl.base + _mm256_cvtsi256_si32(vo)));
+                n = loadLanes(reinterpret_cast<const Float3*>(nl.base + _mm256_cvtsi256_si32(no)));
+                g = _mm256_loadu_ps(gl.base + _mm256_cvtsi256_si32(go));
+                gx = _mm256_loadu_ps(xl.base + _mm256_cvtsi256_si32(xo));
+                gy = _mm256_loadu_ps(yl.base + _mm256_cvtsi256_si32(yo));
+            } else {
+                q = loadLanes3(vl, vo, ok);
+                n = loadLanes3(nl, no, ok);
+                g = gatherLanes(gl, go, ok);
+                gx = gatherLanes(xl, xo, ok);
+                gy = gatherLanes(yl, yo, ok);
+            }
             prefetchAhead(vl, vo, ok, kPrefetchPixels);
             prefetchAhead(nl, no, ok, kPrefetchPixels);
             prefetchAhead(gl, go, ok, kPrefetchPixels);
