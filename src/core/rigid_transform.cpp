@@ -1,5 +1,6 @@
 #include "core/rigid_transform.h"
 
+#include "core/float3_lanes.h"
 #include "core/fused_rows.h"
 
 namespace kestor {
@@ -43,20 +44,9 @@ void moveBulk(const RT_<float>& rt, const Float3* in, Float3* out, int count) {
     const __m256 T0 = _mm256_set1_ps(t0), T1 = _mm256_set1_ps(t1), T2 = _mm256_set1_ps(t2);
     int i = 0;
     for (; i + 8 <= count; i += 8) {
-        alignas(32) float xs[8], ys[8], zs[8];
-        for (int j = 0; j < 8; ++j) {
-            xs[j] = in[i + j].x;
-            ys[j] = in[i + j].y;
-            zs[j] = in[i + j].z;
-        }
-        const __m256 x = _mm256_load_ps(xs), y = _mm256_load_ps(ys), z = _mm256_load_ps(zs);
-        const __m256 ox = fusedRow(R, 0, x, y, z, T0);
-        const __m256 oy = fusedRow(R, 1, x, y, z, T1);
-        const __m256 oz = fusedRow(R, 2, x, y, z, T2);
-        _mm256_store_ps(xs, ox);
-        _mm256_store_ps(ys, oy);
-        _mm256_store_ps(zs, oz);
-        for (int j = 0; j < 8; ++j) out[i + j] = Float3{xs[j], ys[j], zs[j]};
+        const Lanes3 p = loadLanes(in + i);
+        storeLanes(out + i, Lanes3{fusedRow(R, 0, p.x, p.y, p.z, T0), fusedRow(R, 1, p.x, p.y, p.z, T1),
+                                   fusedRow(R, 2, p.x, p.y, p.z, T2)});
     }
     for (; i < count; ++i) {
         const Float3 p = in[i];

@@ -145,8 +145,10 @@ struct ColoredProblem {
         const int n = source.size();
         std::fill_n(pairs.matchFlags.begin(), source.size(), uint8_t(0));
         clearSlots(slots);
-        transformPoints(T, source.points.data(), movedPoints.data(), n);
-        rotateNormals(T, source.normals.data(), movedNormals.data(), n);
+        runLoop(parallel, 0, n, [&](int begin, int end, int) {
+            transformPoints(T, source.points.data() + begin, movedPoints.data() + begin, end - begin);
+            rotateNormals(T, source.normals.data() + begin, movedNormals.data() + begin, end - begin);
+        });
         runLoop(parallel, 0, n, [&](int begin, int end, int slot) {
             associateColored(k, target, movedPoints.data(), movedNormals.data(),
                              source.gray.data(), limits, pairs, begin, end,
